@@ -1,0 +1,53 @@
+# Host build: hostkernel, the library as a loadable image, tests, tools.
+include(CTest)
+
+set(TEXPRT_SANITIZE "" CACHE STRING "Sanitizers for the host build: address,undefined | thread | empty")
+if(TEXPRT_SANITIZE)
+    add_compile_options(-fsanitize=${TEXPRT_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+    add_link_options(-fsanitize=${TEXPRT_SANITIZE})
+endif()
+add_compile_options(-g)
+
+find_package(Threads REQUIRED)
+
+add_subdirectory(platform/host)
+
+# The host's message table is generated from the same message file that the
+# Windows build compiles into a resource; it is part of the image, as the
+# resource is part of texprt.sys.
+add_executable(mcgen tools/mcgen/mcgen.cpp)
+target_compile_options(mcgen PRIVATE -Wall -Wextra -Werror)
+set(TEXPRT_GENERATED_DIR ${CMAKE_BINARY_DIR}/generated)
+add_custom_command(
+    OUTPUT ${TEXPRT_GENERATED_DIR}/message_table.cpp
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${TEXPRT_GENERATED_DIR}
+    COMMAND mcgen ${TEXPRT_MESSAGE_FILE} ${TEXPRT_GENERATED_DIR}/message_table.cpp
+    DEPENDS mcgen ${TEXPRT_MESSAGE_FILE}
+    COMMENT "Generating the host message table")
+
+add_library(texprt_objects OBJECT ${TEXPRT_LIBRARY_SOURCES} ${TEXPRT_GENERATED_DIR}/message_table.cpp)
+set_target_properties(texprt_objects PROPERTIES POSITION_INDEPENDENT_CODE ON
+    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+target_compile_options(texprt_objects PRIVATE ${TEXPRT_KERNEL_CXX_FLAGS} -fno-gnu-unique)
+target_include_directories(texprt_objects PUBLIC ${CMAKE_SOURCE_DIR} ${TEXPRT_GENERATED_DIR})
+target_link_libraries(texprt_objects PUBLIC hostkernel)
+
+# Whitebox tests link the objects directly.
+add_library(texprt_core STATIC $<TARGET_OBJECTS:texprt_objects>)
+target_link_libraries(texprt_core PUBLIC texprt_objects)
+
+# The image: loaded with dlopen by tests and texprt-sim the way the kernel
+# loads an export driver, so every load starts from fresh static storage.
+add_library(texprt SHARED $<TARGET_OBJECTS:texprt_objects>)
+target_link_libraries(texprt PRIVATE hostkernel)
+target_link_options(texprt PRIVATE -Wl,-Bsymbolic -Wl,--no-undefined)
+
+if(BUILD_TESTING)
+    find_package(GTest REQUIRED)
+    include(GoogleTest)
+    add_subdirectory(tests)
+endif()
+add_subdirectory(tools)
+if(EXISTS ${CMAKE_SOURCE_DIR}/bench/CMakeLists.txt)
+    add_subdirectory(bench)
+endif()

@@ -1,0 +1,4 @@
+// The data directory and volumes of the event stream.
+#include "eventstream/datadir.h"
+
+UNICODE_STRING SystemRootDeviceString;

@@ -1,0 +1,202 @@
+// The machine model of hostkernel: what tests, benchmarks and texprt-sim use
+// to set up and inspect the simulated Windows machine. The library never
+// includes this header.
+#pragma once
+
+#include <hk/message_table.h>
+#include <hk/ntkernel.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace hk {
+
+// ------------------------------------------------------------ whole machine
+
+// Returns the machine to its boot state: empty registry, manual clock at its
+// start, no injected failures, empty event log and trace, no complaints.
+// Pool allocations still outstanding are kept (and reported) so that a leak
+// is not hidden by a reset.
+void Reset();
+
+// ------------------------------------------------------------ verifier
+
+struct PoolAllocation {
+    const void *address;
+    size_t size;
+    uint32_t tag;
+    int pool_type;
+};
+
+size_t OutstandingPoolBytes();
+size_t OutstandingPoolCount();
+std::vector<PoolAllocation> OutstandingAllocations();
+// One line per tag: "Tag 'Tcfr': 2 allocations, 48 bytes". Empty when clean.
+std::string LeakReport();
+// The tag as four printable characters, as pool tools show it.
+std::string TagText(uint32_t tag);
+constexpr uint32_t MakeTag(const char (&text)[5]) {
+    return uint32_t(uint8_t(text[0])) | uint32_t(uint8_t(text[1])) << 8 | uint32_t(uint8_t(text[2])) << 16 |
+           uint32_t(uint8_t(text[3])) << 24;
+}
+
+// Pool allocations made since boot (successful or injected failures).
+uint64_t PoolAllocationCalls();
+// Fails the n-th pool allocation from now (1 = the next one); 0 disarms.
+void FailNthAllocation(uint64_t n);
+// Fails every allocation with this tag until cleared.
+void FailAllocationsWithTag(uint32_t tag);
+void ClearAllocationFailures();
+// Number of allocations that injection has failed since boot.
+uint64_t InjectedFailures();
+
+std::vector<std::string> VerifierComplaints();
+void ClearVerifierComplaints();
+// When fatal, a complaint aborts the process at once with its message.
+void SetVerifierFatal(bool fatal);
+
+// Makes KeSaveFloatingPointState fail with this status (STATUS_SUCCESS: never).
+void FailFloatingPointSave(NTSTATUS status);
+
+// ------------------------------------------------------------ clock
+
+// The clock starts manual, at 2026-01-01 00:00:00 UTC. A manual clock moves
+// only through AdvanceClock, which fires every timer that falls due and runs
+// its DPC before it returns, in due-time order.
+void UseManualClock(int64_t system_time = 0);
+// A real clock follows the host's monotonic clock from the current value;
+// timers fire on a timer thread.
+void UseRealClock();
+bool ClockIsManual();
+void AdvanceClock(int64_t ticks);  // 100 ns units
+int64_t SystemTime();
+// Bias of local time against UTC, in 100 ns units (UTC = local + bias, as
+// Windows keeps it): a machine at UTC+2 has a bias of -2 hours.
+void SetTimeZoneBias(int64_t bias);
+constexpr int64_t kTicksPerSecond = 10'000'000;
+// 2026-01-01 00:00:00 UTC.
+constexpr int64_t kDefaultBootTime = 134117568000000000LL;
+
+// Runs DPCs queued with KeInsertQueueDpc (manual clock; the real clock runs
+// them on its timer thread).
+void RunPendingDpcs();
+// Waits until the system work queue (ExQueueWorkItem) has run everything
+// queued so far.
+void DrainSystemWorkQueue();
+// Threads blocked in a kernel wait right now (KeWaitFor*, KeRemoveQueue,
+// KeDelayExecutionThread): lets a test know that another thread has reached
+// its wait before it moves the clock or signals.
+size_t WaitingThreads();
+
+// ------------------------------------------------------------ registry
+
+// Paths are full registry paths such as
+// \REGISTRY\MACHINE\SYSTEM\CurrentControlSet\Services\tmon\Parameters; names
+// are case-insensitive, as in Windows.
+struct RegistryValue {
+    uint32_t type = REG_NONE;
+    std::vector<uint8_t> data;
+};
+void RegistryCreateKey(const std::string &path);  // with its parents
+bool RegistryDeleteKey(const std::string &path);   // with its subkeys
+bool RegistryKeyExists(const std::string &path);
+void RegistrySetValue(const std::string &path, const std::string &name, const RegistryValue &value);
+void RegistrySetDword(const std::string &path, const std::string &name, uint32_t value);
+void RegistrySetQword(const std::string &path, const std::string &name, uint64_t value);
+// REG_SZ, stored with its terminating NUL as Windows stores it.
+void RegistrySetString(const std::string &path, const std::string &name, const std::string &utf8,
+                       uint32_t type = REG_SZ);
+bool RegistryDeleteValue(const std::string &path, const std::string &name);
+std::optional<RegistryValue> RegistryGetValue(const std::string &path, const std::string &name);
+std::vector<std::string> RegistrySubkeys(const std::string &path);
+std::vector<std::string> RegistryValueNames(const std::string &path);
+
+// ------------------------------------------------------------ system routines
+
+// Hides (or shows again) a routine from MmGetSystemRoutineAddress, so that a
+// test can take the path where an older system lacks it.
+void HideSystemRoutine(const std::string &name, bool hidden = true);
+// The build number RtlGetVersion reports.
+void SetBuildNumber(uint32_t build);
+
+// ------------------------------------------------------------ driver objects
+
+// A driver object such as a monitor's, named like \Driver\tmon. Owned by the
+// machine until Reset.
+PDRIVER_OBJECT CreateDriverObject(const std::string &name);
+
+// ------------------------------------------------------------ event log
+
+using MessageTableEntry = ::HkMessageTableEntry;
+
+struct EventLogEntry {
+    uint32_t id = 0;                      // ErrorCode
+    int32_t final_status = 0;
+    uint16_t number_of_strings = 0;       // as the packet claims
+    uint16_t string_offset = 0;
+    uint16_t dump_data_size = 0;
+    std::vector<std::u16string> strings;  // strings found in the packet
+    std::vector<uint8_t> packet;          // the packet as written
+    std::string source;                   // driver name, %1
+    std::string text;                     // rendered as the event viewer shows it (UTF-8)
+};
+
+// The message table of a loaded image, keyed by the source's driver name
+// ("" is the fallback for any source).
+void RegisterMessageTable(const std::string &source, const MessageTableEntry *entries, size_t count);
+std::vector<EventLogEntry> EventLog();
+void ClearEventLog();
+// Renders a message id with insertion strings the way the event viewer
+// does: %2 is the first string, %1 the source; %n is a line break, %%, %r,
+// %t, %b, %. and %! are the message compiler's escapes, %0 ends the text.
+// A missing insertion string is shown as its own %N.
+std::string RenderMessage(uint32_t id, const std::vector<std::u16string> &strings, const std::string &source);
+// Messages in the registered tables.
+std::optional<std::u16string> MessageText(uint32_t id);
+
+// ------------------------------------------------------------ tracing
+
+// Lines written through EtwWriteString by registered providers.
+std::vector<std::string> TraceLines();
+void ClearTrace();
+// Providers registered with EtwRegister and not yet unregistered.
+size_t TraceRegistrations();
+
+// ------------------------------------------------------------ library images
+
+// Loads a library image the way the kernel loads an export driver: a fresh
+// copy of its static storage, and its message table registered under
+// `source`. Loading does not call DllInitialize: the caller does, as the
+// kernel would.
+class Image {
+public:
+    Image() = default;
+    Image(const Image &) = delete;
+    Image &operator=(const Image &) = delete;
+    Image(Image &&other) noexcept;
+    Image &operator=(Image &&other) noexcept;
+    ~Image();
+
+    // Returns an empty string on success, else what went wrong.
+    std::string Load(const std::string &path, const std::string &source = "texprt");
+    void Unload();
+    bool Loaded() const { return handle_ != nullptr; }
+    void *Symbol(const char *name) const;
+    template <typename Fn>
+    Fn *Function(const char *name) const {
+        return reinterpret_cast<Fn *>(Symbol(name));
+    }
+
+private:
+    void *handle_ = nullptr;
+};
+
+// ------------------------------------------------------------ text helpers
+
+std::u16string Utf16(const std::string &utf8);
+std::string Utf8(const std::u16string &text);
+std::string StatusName(NTSTATUS status);  // "STATUS_DATA_ERROR", or "" when unknown
+
+}  // namespace hk

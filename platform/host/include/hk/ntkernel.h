@@ -1,0 +1,655 @@
+// The slice of the NT kernel, HAL and filter manager API that the library
+// calls, declared for the Linux host. Names, signatures and layouts follow the
+// DDK; where a layout is the host's own (dispatcher objects, ERESOURCE) the
+// library only ever passes pointers to it.
+//
+// This header is included by library code, so it uses nothing but the
+// compiler's freestanding headers.
+#pragma once
+
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#define NTAPI
+#define NTKERNELAPI extern "C"
+#define NTHALAPI extern "C"
+#define FASTCALL
+#define DECLSPEC_NORETURN [[noreturn]]
+
+typedef void VOID, *PVOID;
+typedef char CHAR, *PCHAR;
+typedef const char *PCSTR, *PCSZ;
+typedef uint8_t UCHAR, *PUCHAR, BOOLEAN, *PBOOLEAN, KIRQL, *PKIRQL, KPROCESSOR_MODE;
+typedef int16_t SHORT, CSHORT;
+typedef uint16_t USHORT, *PUSHORT;
+typedef int32_t LONG, *PLONG, NTSTATUS, KPRIORITY;
+typedef uint32_t ULONG, *PULONG, ACCESS_MASK, DWORD;
+typedef int64_t LONGLONG, LONG64;
+typedef uint64_t ULONGLONG, ULONG64, *PULONG64;
+typedef uintptr_t ULONG_PTR, *PULONG_PTR, KSPIN_LOCK, *PKSPIN_LOCK, KAFFINITY;
+typedef intptr_t LONG_PTR;
+typedef size_t SIZE_T, *PSIZE_T;
+typedef char16_t WCHAR, *PWCHAR, *PWCH, *PWSTR;
+typedef const char16_t *PCWSTR, *PCWCH;
+typedef void *HANDLE, **PHANDLE;
+
+#define TRUE 1
+#define FALSE 0
+#define ANYSIZE_ARRAY 1
+#define UNREFERENCED_PARAMETER(P) ((void)(P))
+#ifndef FIELD_OFFSET
+#define FIELD_OFFSET(Type, Field) ((LONG)offsetof(Type, Field))
+#endif
+#define CONTAINING_RECORD(Address, Type, Field) \
+    ((Type *)((PUCHAR)(Address) - (ULONG_PTR)offsetof(Type, Field)))
+
+// Wide literals: WCHAR is 16 bits on every target; on the host that is
+// char16_t, so wide text is written through this macro.
+#define WIDE(s) u##s
+
+typedef union _LARGE_INTEGER {
+    struct {
+        ULONG LowPart;
+        LONG HighPart;
+    };
+    struct {
+        ULONG LowPart;
+        LONG HighPart;
+    } u;
+    LONGLONG QuadPart;
+} LARGE_INTEGER, *PLARGE_INTEGER;
+
+typedef struct _GUID {
+    ULONG Data1;
+    USHORT Data2;
+    USHORT Data3;
+    UCHAR Data4[8];
+} GUID, *LPGUID;
+typedef const GUID *LPCGUID;
+
+// ---------------------------------------------------------------- statuses
+
+#define NT_SUCCESS(Status) (((NTSTATUS)(Status)) >= 0)
+#define STATUS_SUCCESS ((NTSTATUS)0x00000000L)
+#define STATUS_WAIT_0 ((NTSTATUS)0x00000000L)
+#define STATUS_ABANDONED ((NTSTATUS)0x00000080L)
+#define STATUS_USER_APC ((NTSTATUS)0x000000C0L)
+#define STATUS_ALERTED ((NTSTATUS)0x00000101L)
+#define STATUS_TIMEOUT ((NTSTATUS)0x00000102L)
+#define STATUS_PENDING ((NTSTATUS)0x00000103L)
+#define STATUS_REPARSE ((NTSTATUS)0x00000104L)
+#define STATUS_MORE_ENTRIES ((NTSTATUS)0x00000105L)
+#define STATUS_BUFFER_OVERFLOW ((NTSTATUS)0x80000005L)
+#define STATUS_NO_MORE_FILES ((NTSTATUS)0x80000006L)
+#define STATUS_NO_MORE_ENTRIES ((NTSTATUS)0x8000001AL)
+#define STATUS_UNSUCCESSFUL ((NTSTATUS)0xC0000001L)
+#define STATUS_NOT_IMPLEMENTED ((NTSTATUS)0xC0000002L)
+#define STATUS_INFO_LENGTH_MISMATCH ((NTSTATUS)0xC0000004L)
+#define STATUS_ACCESS_VIOLATION ((NTSTATUS)0xC0000005L)
+#define STATUS_INVALID_HANDLE ((NTSTATUS)0xC0000008L)
+#define STATUS_INVALID_PARAMETER ((NTSTATUS)0xC000000DL)
+#define STATUS_NO_SUCH_DEVICE ((NTSTATUS)0xC000000EL)
+#define STATUS_NO_SUCH_FILE ((NTSTATUS)0xC000000FL)
+#define STATUS_INVALID_DEVICE_REQUEST ((NTSTATUS)0xC0000010L)
+#define STATUS_END_OF_FILE ((NTSTATUS)0xC0000011L)
+#define STATUS_NO_MEMORY ((NTSTATUS)0xC0000017L)
+#define STATUS_ACCESS_DENIED ((NTSTATUS)0xC0000022L)
+#define STATUS_BUFFER_TOO_SMALL ((NTSTATUS)0xC0000023L)
+#define STATUS_OBJECT_TYPE_MISMATCH ((NTSTATUS)0xC0000024L)
+#define STATUS_DATA_ERROR ((NTSTATUS)0xC000003EL)
+#define STATUS_OBJECT_NAME_INVALID ((NTSTATUS)0xC0000033L)
+#define STATUS_OBJECT_NAME_NOT_FOUND ((NTSTATUS)0xC0000034L)
+#define STATUS_OBJECT_NAME_COLLISION ((NTSTATUS)0xC0000035L)
+#define STATUS_OBJECT_PATH_INVALID ((NTSTATUS)0xC0000039L)
+#define STATUS_OBJECT_PATH_NOT_FOUND ((NTSTATUS)0xC000003AL)
+#define STATUS_OBJECT_PATH_SYNTAX_BAD ((NTSTATUS)0xC000003BL)
+#define STATUS_SHARING_VIOLATION ((NTSTATUS)0xC0000043L)
+#define STATUS_DELETE_PENDING ((NTSTATUS)0xC0000056L)
+#define STATUS_DISK_FULL ((NTSTATUS)0xC000007FL)
+#define STATUS_FILE_INVALID ((NTSTATUS)0xC0000098L)
+#define STATUS_INSUFFICIENT_RESOURCES ((NTSTATUS)0xC000009AL)
+#define STATUS_FILE_IS_A_DIRECTORY ((NTSTATUS)0xC00000BAL)
+#define STATUS_NOT_SUPPORTED ((NTSTATUS)0xC00000BBL)
+#define STATUS_INTERNAL_ERROR ((NTSTATUS)0xC00000E5L)
+#define STATUS_NOT_A_DIRECTORY ((NTSTATUS)0xC0000103L)
+#define STATUS_CANCELLED ((NTSTATUS)0xC0000120L)
+#define STATUS_INVALID_DEVICE_STATE ((NTSTATUS)0xC0000184L)
+#define STATUS_NOT_FOUND ((NTSTATUS)0xC0000225L)
+#define STATUS_OBJECTID_NOT_FOUND ((NTSTATUS)0xC00002F0L)
+#define STATUS_FLOAT_INVALID_OPERATION ((NTSTATUS)0xC0000090L)
+#define STATUS_ILLEGAL_FLOAT_CONTEXT ((NTSTATUS)0xC000014AL)
+
+// ---------------------------------------------------------------- lists
+
+typedef struct _LIST_ENTRY {
+    struct _LIST_ENTRY *Flink;
+    struct _LIST_ENTRY *Blink;
+} LIST_ENTRY, *PLIST_ENTRY;
+
+typedef struct _SINGLE_LIST_ENTRY {
+    struct _SINGLE_LIST_ENTRY *Next;
+} SINGLE_LIST_ENTRY, *PSINGLE_LIST_ENTRY;
+
+NTKERNELAPI DECLSPEC_NORETURN VOID NTAPI KeBugCheckEx(ULONG BugCheckCode, ULONG_PTR P1, ULONG_PTR P2,
+                                                      ULONG_PTR P3, ULONG_PTR P4);
+#define FAST_FAIL_CORRUPT_LIST_ENTRY 3
+#define KERNEL_SECURITY_CHECK_FAILURE 0x139
+// The kernel's list macros check their links and fail fast on corruption.
+static inline void RtlFailFast(ULONG Code) { KeBugCheckEx(KERNEL_SECURITY_CHECK_FAILURE, Code, 0, 0, 0); }
+static inline void InitializeListHead(PLIST_ENTRY Head) { Head->Flink = Head->Blink = Head; }
+static inline BOOLEAN IsListEmpty(const LIST_ENTRY *Head) { return (BOOLEAN)(Head->Flink == Head); }
+static inline void InsertTailList(PLIST_ENTRY Head, PLIST_ENTRY Entry) {
+    PLIST_ENTRY Blink = Head->Blink;
+    if (Blink->Flink != Head) RtlFailFast(FAST_FAIL_CORRUPT_LIST_ENTRY);
+    Entry->Flink = Head;
+    Entry->Blink = Blink;
+    Blink->Flink = Entry;
+    Head->Blink = Entry;
+}
+static inline void InsertHeadList(PLIST_ENTRY Head, PLIST_ENTRY Entry) {
+    PLIST_ENTRY Flink = Head->Flink;
+    if (Flink->Blink != Head) RtlFailFast(FAST_FAIL_CORRUPT_LIST_ENTRY);
+    Entry->Flink = Flink;
+    Entry->Blink = Head;
+    Flink->Blink = Entry;
+    Head->Flink = Entry;
+}
+static inline BOOLEAN RemoveEntryList(PLIST_ENTRY Entry) {
+    PLIST_ENTRY Flink = Entry->Flink, Blink = Entry->Blink;
+    if (Flink->Blink != Entry || Blink->Flink != Entry) RtlFailFast(FAST_FAIL_CORRUPT_LIST_ENTRY);
+    Blink->Flink = Flink;
+    Flink->Blink = Blink;
+    return (BOOLEAN)(Flink == Blink);
+}
+static inline PLIST_ENTRY RemoveHeadList(PLIST_ENTRY Head) {
+    PLIST_ENTRY Entry = Head->Flink, Flink = Entry->Flink;
+    if (Entry->Blink != Head || Flink->Blink != Entry) RtlFailFast(FAST_FAIL_CORRUPT_LIST_ENTRY);
+    Head->Flink = Flink;
+    Flink->Blink = Head;
+    return Entry;
+}
+
+// ---------------------------------------------------------------- strings
+
+typedef struct _UNICODE_STRING {
+    USHORT Length;
+    USHORT MaximumLength;
+    PWCH Buffer;
+} UNICODE_STRING, *PUNICODE_STRING;
+typedef const UNICODE_STRING *PCUNICODE_STRING;
+
+typedef struct _STRING {
+    USHORT Length;
+    USHORT MaximumLength;
+    PCHAR Buffer;
+} STRING, ANSI_STRING, *PANSI_STRING, *PSTRING;
+typedef const STRING *PCANSI_STRING;
+
+NTKERNELAPI VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING Destination, PCWSTR Source);
+NTKERNELAPI VOID NTAPI RtlInitAnsiString(PANSI_STRING Destination, PCSZ Source);
+NTKERNELAPI VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING Destination, PCUNICODE_STRING Source);
+NTKERNELAPI NTSTATUS NTAPI RtlAppendUnicodeStringToString(PUNICODE_STRING Destination, PCUNICODE_STRING Source);
+NTKERNELAPI NTSTATUS NTAPI RtlAppendUnicodeToString(PUNICODE_STRING Destination, PCWSTR Source);
+NTKERNELAPI LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
+                                               BOOLEAN CaseInSensitive);
+NTKERNELAPI BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
+                                                BOOLEAN CaseInSensitive);
+NTKERNELAPI BOOLEAN NTAPI RtlPrefixUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
+                                                 BOOLEAN CaseInSensitive);
+NTKERNELAPI NTSTATUS NTAPI RtlUpcaseUnicodeString(PUNICODE_STRING Destination, PCUNICODE_STRING Source,
+                                                  BOOLEAN AllocateDestinationString);
+NTKERNELAPI WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR SourceCharacter);
+NTKERNELAPI NTSTATUS NTAPI RtlAnsiStringToUnicodeString(PUNICODE_STRING Destination, PCANSI_STRING Source,
+                                                        BOOLEAN AllocateDestinationString);
+NTKERNELAPI VOID NTAPI RtlFreeUnicodeString(PUNICODE_STRING UnicodeString);
+NTKERNELAPI SIZE_T NTAPI RtlCompareMemory(const VOID *Source1, const VOID *Source2, SIZE_T Length);
+
+// The C runtime routines that ntoskrnl exports. The memory routines come in
+// as compiler builtins, which call the host's own where they are not inlined.
+extern "C" int _vsnwprintf(WCHAR *Buffer, size_t Count, const WCHAR *Format, va_list Args);
+#define RtlCopyMemory(D, S, L) __builtin_memcpy((D), (S), (L))
+#define RtlMoveMemory(D, S, L) __builtin_memmove((D), (S), (L))
+#define RtlZeroMemory(D, L) __builtin_memset((D), 0, (L))
+#define RtlFillMemory(D, L, F) __builtin_memset((D), (F), (L))
+#define RtlEqualMemory(A, B, L) (__builtin_memcmp((A), (B), (L)) == 0)
+
+// ---------------------------------------------------------------- pool
+
+typedef enum _POOL_TYPE {
+    NonPagedPool = 0,
+    NonPagedPoolExecute = 0,
+    PagedPool = 1,
+    NonPagedPoolMustSucceed = 2,
+    NonPagedPoolNx = 512,
+} POOL_TYPE;
+
+NTKERNELAPI PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag);
+NTKERNELAPI VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag);
+
+// ---------------------------------------------------------------- IRQL
+
+#define PASSIVE_LEVEL 0
+#define LOW_LEVEL 0
+#define APC_LEVEL 1
+#define DISPATCH_LEVEL 2
+#define HIGH_LEVEL 31
+
+NTKERNELAPI KIRQL NTAPI KeGetCurrentIrql(VOID);
+NTHALAPI KIRQL FASTCALL KfRaiseIrql(KIRQL NewIrql);
+NTHALAPI VOID FASTCALL KfLowerIrql(KIRQL NewIrql);
+#define KeRaiseIrql(NewIrql, OldIrql) (*(OldIrql) = KfRaiseIrql(NewIrql))
+#define KeLowerIrql(NewIrql) KfLowerIrql(NewIrql)
+NTKERNELAPI KIRQL NTAPI KeRaiseIrqlToDpcLevel(VOID);
+
+// ---------------------------------------------------------------- objects
+
+typedef struct _OBJECT_TYPE *POBJECT_TYPE;
+typedef struct _KTHREAD *PKTHREAD, *PRKTHREAD;
+typedef struct _ETHREAD *PETHREAD;
+typedef struct _KPROCESS *PKPROCESS, *PRKPROCESS;
+typedef struct _EPROCESS *PEPROCESS;
+typedef struct _DEVICE_OBJECT DEVICE_OBJECT, *PDEVICE_OBJECT;
+typedef struct _FILE_OBJECT *PFILE_OBJECT;
+
+typedef struct _DRIVER_OBJECT {
+    CSHORT Type;
+    CSHORT Size;
+    PDEVICE_OBJECT DeviceObject;
+    ULONG Flags;
+    PVOID DriverStart;
+    ULONG DriverSize;
+    PVOID DriverSection;
+    PVOID DriverExtension;
+    UNICODE_STRING DriverName;
+} DRIVER_OBJECT, *PDRIVER_OBJECT;
+
+struct _DEVICE_OBJECT {
+    CSHORT Type;
+    USHORT Size;
+    LONG ReferenceCount;
+    PDRIVER_OBJECT DriverObject;
+};
+
+#define IO_TYPE_DRIVER 4
+#define IO_TYPE_DEVICE 3
+
+typedef struct _OBJECT_ATTRIBUTES {
+    ULONG Length;
+    HANDLE RootDirectory;
+    PUNICODE_STRING ObjectName;
+    ULONG Attributes;
+    PVOID SecurityDescriptor;
+    PVOID SecurityQualityOfService;
+} OBJECT_ATTRIBUTES, *POBJECT_ATTRIBUTES;
+
+#define OBJ_INHERIT 0x00000002L
+#define OBJ_PERMANENT 0x00000010L
+#define OBJ_EXCLUSIVE 0x00000020L
+#define OBJ_CASE_INSENSITIVE 0x00000040L
+#define OBJ_OPENIF 0x00000080L
+#define OBJ_OPENLINK 0x00000100L
+#define OBJ_KERNEL_HANDLE 0x00000200L
+#define OBJ_FORCE_ACCESS_CHECK 0x00000400L
+
+#define InitializeObjectAttributes(p, n, a, r, s)  \
+    do {                                           \
+        (p)->Length = sizeof(OBJECT_ATTRIBUTES);   \
+        (p)->RootDirectory = (r);                  \
+        (p)->Attributes = (a);                     \
+        (p)->ObjectName = (n);                     \
+        (p)->SecurityDescriptor = (s);             \
+        (p)->SecurityQualityOfService = nullptr;   \
+    } while (0)
+
+typedef enum _MODE { KernelMode, UserMode } MODE;
+
+NTKERNELAPI NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAccess,
+                                                     POBJECT_TYPE ObjectType, KPROCESSOR_MODE AccessMode,
+                                                     PVOID *Object, PVOID HandleInformation);
+NTKERNELAPI LONG_PTR FASTCALL ObfReferenceObject(PVOID Object);
+NTKERNELAPI LONG_PTR FASTCALL ObfDereferenceObject(PVOID Object);
+#define ObReferenceObject(o) ObfReferenceObject(o)
+#define ObDereferenceObject(o) ObfDereferenceObject(o)
+NTKERNELAPI NTSTATUS NTAPI ZwClose(HANDLE Handle);
+
+extern "C" POBJECT_TYPE *PsThreadType;
+extern "C" POBJECT_TYPE *PsProcessType;
+
+// ---------------------------------------------------------------- dispatcher objects
+//
+// Host layouts. Every waitable object starts with this header so that the
+// host's wait routines can treat them alike.
+
+typedef struct _DISPATCHER_HEADER {
+    UCHAR Type;
+    UCHAR Absolute;
+    UCHAR Size;
+    UCHAR Inserted;
+    LONG SignalState;
+    LIST_ENTRY WaitListHead;
+} DISPATCHER_HEADER;
+
+typedef enum _EVENT_TYPE { NotificationEvent, SynchronizationEvent } EVENT_TYPE;
+typedef enum _TIMER_TYPE { NotificationTimer, SynchronizationTimer } TIMER_TYPE;
+typedef enum _KWAIT_REASON { Executive = 0, UserRequest = 6, WrQueue = 15 } KWAIT_REASON;
+typedef enum _WAIT_TYPE { WaitAll, WaitAny } WAIT_TYPE;
+
+typedef struct _KEVENT {
+    DISPATCHER_HEADER Header;
+} KEVENT, *PKEVENT, *PRKEVENT;
+
+struct _KDPC;
+typedef VOID NTAPI KDEFERRED_ROUTINE(struct _KDPC *Dpc, PVOID DeferredContext, PVOID SystemArgument1,
+                                     PVOID SystemArgument2);
+typedef KDEFERRED_ROUTINE *PKDEFERRED_ROUTINE;
+
+typedef struct _KDPC {
+    UCHAR Type;
+    UCHAR Importance;
+    USHORT Number;
+    LIST_ENTRY DpcListEntry;
+    PKDEFERRED_ROUTINE DeferredRoutine;
+    PVOID DeferredContext;
+    PVOID SystemArgument1;
+    PVOID SystemArgument2;
+    PVOID DpcData;
+} KDPC, *PKDPC, *PRKDPC;
+
+typedef struct _KTIMER {
+    DISPATCHER_HEADER Header;
+    LONGLONG DueTime;  // absolute system time, 100 ns units
+    LIST_ENTRY TimerListEntry;
+    PKDPC Dpc;
+    LONG Period;
+} KTIMER, *PKTIMER;
+
+typedef struct _KQUEUE {
+    DISPATCHER_HEADER Header;
+    LIST_ENTRY EntryListHead;
+    ULONG CurrentCount;
+    ULONG MaximumCount;
+    LIST_ENTRY ThreadListHead;
+    UCHAR RunDown;
+} KQUEUE, *PKQUEUE, *PRKQUEUE;
+
+// A fast mutex raises to APC_LEVEL while it is held.
+typedef struct _FAST_MUTEX {
+    LONG Count;  // 1 free, 0 owned; as in the kernel's own layout
+    PKTHREAD Owner;
+    ULONG Contention;
+    KEVENT Event;
+    ULONG OldIrql;
+} FAST_MUTEX, *PFAST_MUTEX;
+
+// ERESOURCE on the host: a zero-filled one is a valid free lock, as the
+// library relies on. Fields are manipulated atomically by the host.
+typedef struct _ERESOURCE {
+    LONG State;             // bit 31: owned exclusive; low bits: shared owner count
+    LONG ExclusiveWaiters;  // threads waiting for exclusive access
+    PKTHREAD Owner;         // exclusive owner
+    LONG Recursion;         // exclusive recursion depth
+    ULONG Generation;       // bumped on every release, for waiters
+} ERESOURCE, *PERESOURCE;
+
+typedef struct _KFLOATING_SAVE {
+    ULONG Dummy[8];
+} KFLOATING_SAVE, *PKFLOATING_SAVE;
+
+typedef struct _KAPC_STATE {
+    LIST_ENTRY ApcListHead[2];
+    PKPROCESS Process;
+    UCHAR InProgressFlags;
+    BOOLEAN KernelApcPending;
+    BOOLEAN UserApcPendingAll;
+} KAPC_STATE, *PKAPC_STATE, *PRKAPC_STATE;
+
+NTKERNELAPI VOID NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State);
+NTKERNELAPI LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait);
+NTKERNELAPI VOID NTAPI KeClearEvent(PRKEVENT Event);
+NTKERNELAPI LONG NTAPI KeResetEvent(PRKEVENT Event);
+NTKERNELAPI LONG NTAPI KeReadStateEvent(PRKEVENT Event);
+NTKERNELAPI NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
+                                                 BOOLEAN Alertable, PLARGE_INTEGER Timeout);
+typedef struct _KWAIT_BLOCK *PKWAIT_BLOCK;
+#define THREAD_WAIT_OBJECTS 3
+#define MAXIMUM_WAIT_OBJECTS 64
+NTKERNELAPI NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType,
+                                                    KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
+                                                    BOOLEAN Alertable, PLARGE_INTEGER Timeout,
+                                                    PKWAIT_BLOCK WaitBlockArray);
+NTKERNELAPI NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
+                                                  PLARGE_INTEGER Interval);
+
+
+NTKERNELAPI VOID NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock);
+NTKERNELAPI VOID NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql);
+NTKERNELAPI VOID NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql);
+NTKERNELAPI VOID NTAPI KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock);
+NTKERNELAPI VOID NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock);
+
+NTKERNELAPI VOID NTAPI ExInitializeFastMutex(PFAST_MUTEX FastMutex);
+NTKERNELAPI VOID FASTCALL ExAcquireFastMutex(PFAST_MUTEX FastMutex);
+NTKERNELAPI VOID FASTCALL ExReleaseFastMutex(PFAST_MUTEX FastMutex);
+NTKERNELAPI BOOLEAN FASTCALL ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex);
+
+NTKERNELAPI NTSTATUS NTAPI ExInitializeResourceLite(PERESOURCE Resource);
+NTKERNELAPI NTSTATUS NTAPI ExDeleteResourceLite(PERESOURCE Resource);
+NTKERNELAPI BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait);
+NTKERNELAPI BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait);
+NTKERNELAPI VOID FASTCALL ExReleaseResourceLite(PERESOURCE Resource);
+NTKERNELAPI BOOLEAN NTAPI ExIsResourceAcquiredExclusiveLite(PERESOURCE Resource);
+NTKERNELAPI ULONG NTAPI ExIsResourceAcquiredSharedLite(PERESOURCE Resource);
+
+NTKERNELAPI VOID NTAPI KeEnterCriticalRegion(VOID);
+NTKERNELAPI VOID NTAPI KeLeaveCriticalRegion(VOID);
+NTKERNELAPI BOOLEAN NTAPI KeAreApcsDisabled(VOID);
+
+NTKERNELAPI VOID NTAPI KeInitializeTimer(PKTIMER Timer);
+NTKERNELAPI VOID NTAPI KeInitializeTimerEx(PKTIMER Timer, TIMER_TYPE Type);
+NTKERNELAPI BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc);
+NTKERNELAPI BOOLEAN NTAPI KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime, LONG Period, PKDPC Dpc);
+NTKERNELAPI BOOLEAN NTAPI KeCancelTimer(PKTIMER Timer);
+NTKERNELAPI BOOLEAN NTAPI KeReadStateTimer(PKTIMER Timer);
+
+NTKERNELAPI VOID NTAPI KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID DeferredContext);
+NTKERNELAPI BOOLEAN NTAPI KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemArgument2);
+NTKERNELAPI BOOLEAN NTAPI KeRemoveQueueDpc(PRKDPC Dpc);
+NTKERNELAPI VOID NTAPI KeFlushQueuedDpcs(VOID);
+
+NTKERNELAPI VOID NTAPI KeInitializeQueue(PRKQUEUE Queue, ULONG Count);
+NTKERNELAPI LONG NTAPI KeInsertQueue(PRKQUEUE Queue, PLIST_ENTRY Entry);
+NTKERNELAPI LONG NTAPI KeInsertHeadQueue(PRKQUEUE Queue, PLIST_ENTRY Entry);
+NTKERNELAPI PLIST_ENTRY NTAPI KeRemoveQueue(PRKQUEUE Queue, KPROCESSOR_MODE WaitMode, PLARGE_INTEGER Timeout);
+NTKERNELAPI PLIST_ENTRY NTAPI KeRundownQueue(PRKQUEUE Queue);
+NTKERNELAPI LONG NTAPI KeReadStateQueue(PRKQUEUE Queue);
+
+NTKERNELAPI NTSTATUS NTAPI KeSaveFloatingPointState(PKFLOATING_SAVE FloatSave);
+NTKERNELAPI NTSTATUS NTAPI KeRestoreFloatingPointState(PKFLOATING_SAVE FloatSave);
+
+NTKERNELAPI PKTHREAD NTAPI KeGetCurrentThread(VOID);
+NTKERNELAPI KPRIORITY NTAPI KeSetPriorityThread(PKTHREAD Thread, KPRIORITY Priority);
+NTKERNELAPI LONG NTAPI KeSetBasePriorityThread(PKTHREAD Thread, LONG Increment);
+NTKERNELAPI VOID NTAPI KeStackAttachProcess(PRKPROCESS Process, PRKAPC_STATE ApcState);
+NTKERNELAPI VOID NTAPI KeUnstackDetachProcess(PRKAPC_STATE ApcState);
+
+// ---------------------------------------------------------------- time
+
+NTKERNELAPI VOID NTAPI KeQuerySystemTime(PLARGE_INTEGER CurrentTime);
+NTKERNELAPI ULONGLONG NTAPI KeQueryInterruptTime(VOID);
+NTKERNELAPI VOID NTAPI ExSystemTimeToLocalTime(PLARGE_INTEGER SystemTime, PLARGE_INTEGER LocalTime);
+
+// ---------------------------------------------------------------- threads and work items
+
+typedef VOID NTAPI KSTART_ROUTINE(PVOID StartContext);
+typedef KSTART_ROUTINE *PKSTART_ROUTINE;
+typedef struct _CLIENT_ID {
+    HANDLE UniqueProcess;
+    HANDLE UniqueThread;
+} CLIENT_ID, *PCLIENT_ID;
+
+#define THREAD_ALL_ACCESS 0x1F03FF
+#define THREAD_QUERY_INFORMATION 0x0040
+#define THREAD_SET_INFORMATION 0x0020
+#define SYNCHRONIZE 0x00100000L
+
+NTKERNELAPI NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess,
+                                                POBJECT_ATTRIBUTES ObjectAttributes, HANDLE ProcessHandle,
+                                                PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine,
+                                                PVOID StartContext);
+NTKERNELAPI DECLSPEC_NORETURN NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS ExitStatus);
+NTKERNELAPI HANDLE NTAPI PsGetCurrentThreadId(VOID);
+NTKERNELAPI HANDLE NTAPI PsGetCurrentProcessId(VOID);
+NTKERNELAPI PEPROCESS NTAPI PsGetCurrentProcess(VOID);
+#define IoGetCurrentProcess PsGetCurrentProcess
+
+typedef enum _WORK_QUEUE_TYPE { CriticalWorkQueue, DelayedWorkQueue, HyperCriticalWorkQueue } WORK_QUEUE_TYPE;
+typedef VOID NTAPI WORKER_THREAD_ROUTINE(PVOID Parameter);
+typedef WORKER_THREAD_ROUTINE *PWORKER_THREAD_ROUTINE;
+typedef struct _WORK_QUEUE_ITEM {
+    LIST_ENTRY List;
+    PWORKER_THREAD_ROUTINE WorkerRoutine;
+    PVOID Parameter;
+} WORK_QUEUE_ITEM, *PWORK_QUEUE_ITEM;
+#define ExInitializeWorkItem(Item, Routine, Context) \
+    do {                                             \
+        (Item)->WorkerRoutine = (Routine);           \
+        (Item)->Parameter = (Context);               \
+        (Item)->List.Flink = nullptr;                \
+    } while (0)
+NTKERNELAPI VOID NTAPI ExQueueWorkItem(PWORK_QUEUE_ITEM WorkItem, WORK_QUEUE_TYPE QueueType);
+
+// ---------------------------------------------------------------- system routines
+
+NTKERNELAPI PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName);
+
+typedef struct _OSVERSIONINFOW {
+    ULONG dwOSVersionInfoSize;
+    ULONG dwMajorVersion;
+    ULONG dwMinorVersion;
+    ULONG dwBuildNumber;
+    ULONG dwPlatformId;
+    WCHAR szCSDVersion[128];
+} RTL_OSVERSIONINFOW, *PRTL_OSVERSIONINFOW;
+NTKERNELAPI NTSTATUS NTAPI RtlGetVersion(PRTL_OSVERSIONINFOW VersionInformation);
+
+// ---------------------------------------------------------------- registry
+
+#define KEY_QUERY_VALUE 0x0001
+#define KEY_SET_VALUE 0x0002
+#define KEY_CREATE_SUB_KEY 0x0004
+#define KEY_ENUMERATE_SUB_KEYS 0x0008
+#define KEY_NOTIFY 0x0010
+#define KEY_READ 0x20019
+#define KEY_WRITE 0x20006
+#define KEY_ALL_ACCESS 0xF003F
+
+#define REG_NONE 0
+#define REG_SZ 1
+#define REG_EXPAND_SZ 2
+#define REG_BINARY 3
+#define REG_DWORD 4
+#define REG_MULTI_SZ 7
+#define REG_QWORD 11
+
+#define REG_OPTION_NON_VOLATILE 0
+#define REG_OPTION_VOLATILE 1
+#define REG_CREATED_NEW_KEY 1
+#define REG_OPENED_EXISTING_KEY 2
+
+typedef enum _KEY_VALUE_INFORMATION_CLASS {
+    KeyValueBasicInformation,
+    KeyValueFullInformation,
+    KeyValuePartialInformation,
+} KEY_VALUE_INFORMATION_CLASS;
+
+typedef struct _KEY_VALUE_PARTIAL_INFORMATION {
+    ULONG TitleIndex;
+    ULONG Type;
+    ULONG DataLength;
+    UCHAR Data[1];
+} KEY_VALUE_PARTIAL_INFORMATION, *PKEY_VALUE_PARTIAL_INFORMATION;
+
+typedef struct _KEY_VALUE_BASIC_INFORMATION {
+    ULONG TitleIndex;
+    ULONG Type;
+    ULONG NameLength;
+    WCHAR Name[1];
+} KEY_VALUE_BASIC_INFORMATION, *PKEY_VALUE_BASIC_INFORMATION;
+
+typedef struct _KEY_VALUE_FULL_INFORMATION {
+    ULONG TitleIndex;
+    ULONG Type;
+    ULONG DataOffset;
+    ULONG DataLength;
+    ULONG NameLength;
+    WCHAR Name[1];
+} KEY_VALUE_FULL_INFORMATION, *PKEY_VALUE_FULL_INFORMATION;
+
+NTKERNELAPI NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess,
+                                     POBJECT_ATTRIBUTES ObjectAttributes);
+NTKERNELAPI NTSTATUS NTAPI ZwCreateKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess,
+                                       POBJECT_ATTRIBUTES ObjectAttributes, ULONG TitleIndex,
+                                       PUNICODE_STRING Class, ULONG CreateOptions, PULONG Disposition);
+NTKERNELAPI NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
+                                           KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass,
+                                           PVOID KeyValueInformation, ULONG Length, PULONG ResultLength);
+NTKERNELAPI NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG TitleIndex,
+                                         ULONG Type, PVOID Data, ULONG DataSize);
+NTKERNELAPI NTSTATUS NTAPI ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName);
+
+// ---------------------------------------------------------------- event log
+
+typedef struct _IO_ERROR_LOG_PACKET {
+    UCHAR MajorFunctionCode;
+    UCHAR RetryCount;
+    USHORT DumpDataSize;
+    USHORT NumberOfStrings;
+    USHORT StringOffset;
+    USHORT EventCategory;
+    NTSTATUS ErrorCode;
+    ULONG UniqueErrorValue;
+    NTSTATUS FinalStatus;
+    ULONG SequenceNumber;
+    ULONG IoControlCode;
+    LARGE_INTEGER DeviceOffset;
+    ULONG DumpData[1];
+} IO_ERROR_LOG_PACKET, *PIO_ERROR_LOG_PACKET;
+
+// The 32-bit system's limit; the host plays a 32-bit Windows.
+#define ERROR_LOG_MAXIMUM_SIZE 152
+
+NTKERNELAPI PVOID NTAPI IoAllocateErrorLogEntry(PVOID IoObject, UCHAR EntrySize);
+NTKERNELAPI VOID NTAPI IoWriteErrorLogEntry(PVOID ElEntry);
+NTKERNELAPI VOID NTAPI IoFreeErrorLogEntry(PVOID ElEntry);
+
+// ---------------------------------------------------------------- tracing (bound at run time)
+
+typedef ULONGLONG REGHANDLE, *PREGHANDLE;
+typedef VOID NTAPI ETWENABLECALLBACK(LPCGUID SourceId, ULONG ControlCode, UCHAR Level,
+                                     ULONGLONG MatchAnyKeyword, ULONGLONG MatchAllKeyword,
+                                     PVOID FilterData, PVOID CallbackContext);
+typedef ETWENABLECALLBACK *PETWENABLECALLBACK;
+typedef NTSTATUS NTAPI ETW_REGISTER_ROUTINE(LPCGUID ProviderId, PETWENABLECALLBACK EnableCallback,
+                                            PVOID CallbackContext, PREGHANDLE RegHandle);
+typedef NTSTATUS NTAPI ETW_UNREGISTER_ROUTINE(REGHANDLE RegHandle);
+typedef NTSTATUS NTAPI ETW_WRITE_STRING_ROUTINE(REGHANDLE RegHandle, UCHAR Level, ULONGLONG Keyword,
+                                                LPCGUID ActivityId, PCWSTR String);
+
+// ---------------------------------------------------------------- filter manager
+
+typedef struct _FLT_FILTER *PFLT_FILTER;
+typedef struct _FLT_INSTANCE *PFLT_INSTANCE;
+
+// ---------------------------------------------------------------- annotations
+
+#define _IRQL_requires_max_(irql)
+#define _IRQL_requires_(irql)
+#define _IRQL_raises_(irql)
+#define _Use_decl_annotations_
+#define _In_
+#define _In_opt_
+#define _Out_
+#define _Out_opt_
+#define _Inout_
+#define _Inout_opt_

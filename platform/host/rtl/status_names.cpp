@@ -1,0 +1,66 @@
+// Names of the statuses that texprt and the host return, for people.
+#include "internal.h"
+
+#include <hk/hk.h>
+
+#include <map>
+
+namespace hk {
+
+std::string StatusName(NTSTATUS status) {
+    static const std::map<NTSTATUS, const char *> names = {
+#define NAME(s) {s, #s}
+        NAME(STATUS_SUCCESS),
+        NAME(STATUS_ABANDONED),
+        NAME(STATUS_USER_APC),
+        NAME(STATUS_ALERTED),
+        NAME(STATUS_TIMEOUT),
+        NAME(STATUS_PENDING),
+        NAME(STATUS_REPARSE),
+        NAME(STATUS_MORE_ENTRIES),
+        NAME(STATUS_BUFFER_OVERFLOW),
+        NAME(STATUS_NO_MORE_FILES),
+        NAME(STATUS_NO_MORE_ENTRIES),
+        NAME(STATUS_UNSUCCESSFUL),
+        NAME(STATUS_NOT_IMPLEMENTED),
+        NAME(STATUS_INFO_LENGTH_MISMATCH),
+        NAME(STATUS_ACCESS_VIOLATION),
+        NAME(STATUS_INVALID_HANDLE),
+        NAME(STATUS_INVALID_PARAMETER),
+        NAME(STATUS_NO_SUCH_DEVICE),
+        NAME(STATUS_NO_SUCH_FILE),
+        NAME(STATUS_INVALID_DEVICE_REQUEST),
+        NAME(STATUS_END_OF_FILE),
+        NAME(STATUS_NO_MEMORY),
+        NAME(STATUS_ACCESS_DENIED),
+        NAME(STATUS_BUFFER_TOO_SMALL),
+        NAME(STATUS_OBJECT_TYPE_MISMATCH),
+        NAME(STATUS_DATA_ERROR),
+        NAME(STATUS_OBJECT_NAME_INVALID),
+        NAME(STATUS_OBJECT_NAME_NOT_FOUND),
+        NAME(STATUS_OBJECT_NAME_COLLISION),
+        NAME(STATUS_OBJECT_PATH_INVALID),
+        NAME(STATUS_OBJECT_PATH_NOT_FOUND),
+        NAME(STATUS_OBJECT_PATH_SYNTAX_BAD),
+        NAME(STATUS_SHARING_VIOLATION),
+        NAME(STATUS_DELETE_PENDING),
+        NAME(STATUS_DISK_FULL),
+        NAME(STATUS_FILE_INVALID),
+        NAME(STATUS_INSUFFICIENT_RESOURCES),
+        NAME(STATUS_FILE_IS_A_DIRECTORY),
+        NAME(STATUS_NOT_SUPPORTED),
+        NAME(STATUS_INTERNAL_ERROR),
+        NAME(STATUS_NOT_A_DIRECTORY),
+        NAME(STATUS_CANCELLED),
+        NAME(STATUS_INVALID_DEVICE_STATE),
+        NAME(STATUS_NOT_FOUND),
+        NAME(STATUS_OBJECTID_NOT_FOUND),
+        NAME(STATUS_FLOAT_INVALID_OPERATION),
+        NAME(STATUS_ILLEGAL_FLOAT_CONTEXT),
+#undef NAME
+    };
+    auto it = names.find(status);
+    return it == names.end() ? std::string() : it->second;
+}
+
+}  // namespace hk

@@ -1,0 +1,51 @@
+// The one header through which library code reaches the kernel. On Windows it
+// is the DDK (with platform/windows/ filling what mingw-w64's headers lack);
+// on the host it is hostkernel's declaration of the same API.
+#pragma once
+
+#if defined(_WIN32)
+#include "platform/windows/ntwin.h"
+#else
+#include <hk/ntkernel.h>
+#endif
+
+// Exports: undecorated C names. The Windows image takes its export list from
+// texprt.def; the host image marks them visible.
+#if defined(_WIN32)
+#define TEXPRT_API
+#else
+#define TEXPRT_API __attribute__((visibility("default")))
+#endif
+#define TEXPRT_EXPORT extern "C" TEXPRT_API
+
+// Structured exception guard: runs Routine(Context) and reports whether it
+// ran to its end. When it raised an exception (an access violation reading
+// a buffer that faults, a fault inside a system routine), the guard returns
+// FALSE with the exception code in *ExceptionCode, and the routine's work is
+// abandoned. Real SEH on Windows, a fault-catching guard on the host.
+typedef VOID NTAPI PLATFORM_GUARDED_ROUTINE(PVOID Context);
+extern "C" BOOLEAN NTAPI PlatformGuardedCall(PLATFORM_GUARDED_ROUTINE *Routine, PVOID Context,
+                                             NTSTATUS *ExceptionCode);
+
+// wcschr over the library's 16-bit text, whatever wchar_t is on the build host.
+static inline const WCHAR *PlatformWcschr(const WCHAR *Text, WCHAR Character) {
+    for (;; ++Text) {
+        if (*Text == Character) return Text;
+        if (*Text == 0) return nullptr;
+    }
+}
+
+// Layout contracts are checked for the primary, 32-bit target.
+#if defined(_WIN32) && !defined(_WIN64)
+#define TEXPRT_ASSERT_LAYOUT32(condition) static_assert(condition, #condition)
+#else
+#define TEXPRT_ASSERT_LAYOUT32(condition) static_assert(true, "")
+#endif
+
+static inline SIZE_T PlatformWcslen(const WCHAR *Text) {
+    SIZE_T Count = 0;
+    while (Text[Count] != 0) ++Count;
+    return Count;
+}
+
+#define ARRAYSIZE_OF(Array) (sizeof(Array) / sizeof((Array)[0]))
