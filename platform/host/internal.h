@@ -31,7 +31,7 @@ void PoolFree(void *p, ULONG tag, const char *routine);
 
 // ------------------------------------------------------------ threads
 
-struct HostThread;  // the KTHREAD behind a host thread, see ke/thread.cpp
+struct HostThread;  // the KTHREAD behind a host thread, see ps/thread.cpp
 
 // Per host thread kernel state. Threads that hostkernel did not create (the
 // test's main thread) get one on first use and act as a thread of the System
