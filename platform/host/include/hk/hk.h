@@ -193,6 +193,44 @@ private:
     void *handle_ = nullptr;
 };
 
+// ------------------------------------------------------------ volumes, files and the object namespace
+
+// A volume is a device object in the object namespace (\Device\HarddiskVolume2)
+// whose files live in a host directory the test owns. Reset removes volumes
+// and links but leaves the host directories and their files alone.
+struct VolumeOptions {
+    uint32_t device_type = FILE_DEVICE_DISK;  // as FileFsDeviceInformation reports it
+    uint32_t characteristics = 0;             // FILE_REMOVABLE_MEDIA, FILE_REMOTE_DEVICE, ...
+    std::string file_system = "NTFS";         // as FileFsAttributeInformation names it
+    bool disk_full = false;                   // see SetDiskFull
+};
+void AddVolume(const std::string &device_name, const std::string &host_directory, const VolumeOptions &options = {});
+// While set, a write or size change that would grow a file fails with
+// STATUS_DISK_FULL; writes within the current size still succeed.
+void SetDiskFull(const std::string &device_name, bool full);
+
+// A symbolic link in the object namespace, e.g. \??\C: -> \Device\HarddiskVolume2
+// or \SystemRoot -> \Device\HarddiskVolume2\Windows. \?? is the same
+// directory as \GLOBAL?? (the system process's device map). Replaces an
+// existing link of that name; missing object directories are created.
+void CreateSymbolicLink(const std::string &link_name, const std::string &target);
+bool DeleteSymbolicLink(const std::string &link_name);
+
+// Convenience access to files through the same namespace, for tests and the
+// scenario runner. Paths are NT paths (\??\C:\x, \SystemRoot\x,
+// \Device\HarddiskVolume2\x) or DOS paths (C:\x, mapped through \??\C:),
+// looked up case-insensitively. These bypass share access, as a tool
+// working on the disk from outside would.
+// Creates the parent directories as needed; false if the path is not on a volume.
+bool WriteFile(const std::string &path, const std::string &bytes);
+std::optional<std::string> ReadFile(const std::string &path);
+// Removes a file, or a directory with everything in it.
+bool DeleteFile(const std::string &path);
+bool FileExists(const std::string &path);
+// Where a path lives on the host ("" when it is not on a volume); existing
+// components are spelt as on the host, missing ones as given.
+std::string HostPathOf(const std::string &path);
+
 // ------------------------------------------------------------ text helpers
 
 std::u16string Utf16(const std::string &utf8);
