@@ -2,12 +2,15 @@
 #   make demo     build, then run the demo
 #   make test     build, run every test, build and check the kernel images
 #   make driver   the kernel images only (texprt.sys, i686 and x64)
+#   make fuzz     build the fuzz targets and run each briefly (FUZZ_SECONDS)
 
 JOBS ?= 2
+FUZZ_SECONDS ?= 30
+FUZZ_TARGETS := appblocking_fuzz
 HOST_PRESET ?= host-debug
 BUILD := build/$(HOST_PRESET)
 
-.PHONY: all demo test driver host deps clean
+.PHONY: all demo test driver fuzz host deps clean
 
 all: host
 
@@ -19,18 +22,29 @@ host: deps
 	@cmake --build --preset $(HOST_PRESET) -j $(JOBS)
 
 demo: host
-	@$(BUILD)/tools/texprt-sim/texprt-sim run examples/demo/demo.yaml
+	@$(BUILD)/tools/texprt-sim/texprt-sim run examples/demo/demo.yaml --check
 
+# The ctest summary is printed last, so that it closes the run.
 test: host
-	@ctest --preset $(HOST_PRESET) -j $(JOBS)
 	@$(MAKE) --no-print-directory driver
+	@$(MAKE) --no-print-directory fuzz
+	@ctest --preset $(HOST_PRESET) -j $(JOBS)
 
+fuzz: deps
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j $(JOBS)
+	@for target in $(FUZZ_TARGETS); do fuzz/run $$target $(FUZZ_SECONDS) || exit 1; done
+
+# Both images are built before either is checked, and both are checked even
+# when one fails, so that one run reports everything.
 driver: deps
 	@for arch in i686 x64; do \
 	    cmake --preset win-$$arch >/dev/null && \
-	    cmake --build --preset win-$$arch -j $(JOBS) && \
-	    scripts/check-image build/win-$$arch/texprt.sys $$arch texprt.def || exit 1; \
+	    cmake --build --preset win-$$arch -j $(JOBS) || exit 1; \
 	done
+	@status=0; for arch in i686 x64; do \
+	    scripts/check-image build/win-$$arch/texprt.sys $$arch texprt.def || status=1; \
+	done; exit $$status
 
 clean:
 	rm -rf build

@@ -1,0 +1,26 @@
+# Shared part of the mingw-w64 toolchain files; TEXPRT_MINGW_TRIPLET names
+# the target (i686-w64-mingw32 or x86_64-w64-mingw32).
+
+set(TEXPRT_MINGW_ROOT /usr/${TEXPRT_MINGW_TRIPLET})
+
+find_program(CMAKE_C_COMPILER NAMES ${TEXPRT_MINGW_TRIPLET}-gcc REQUIRED)
+find_program(CMAKE_CXX_COMPILER NAMES ${TEXPRT_MINGW_TRIPLET}-g++ REQUIRED)
+find_program(CMAKE_RC_COMPILER NAMES ${TEXPRT_MINGW_TRIPLET}-windres REQUIRED)
+find_program(CMAKE_AR NAMES ${TEXPRT_MINGW_TRIPLET}-ar REQUIRED)
+find_program(CMAKE_RANLIB NAMES ${TEXPRT_MINGW_TRIPLET}-ranlib REQUIRED)
+find_program(CMAKE_OBJDUMP NAMES ${TEXPRT_MINGW_TRIPLET}-objdump REQUIRED)
+find_program(CMAKE_NM NAMES ${TEXPRT_MINGW_TRIPLET}-nm REQUIRED)
+find_program(CMAKE_STRIP NAMES ${TEXPRT_MINGW_TRIPLET}-strip REQUIRED)
+find_program(TEXPRT_WINDMC NAMES ${TEXPRT_MINGW_TRIPLET}-windmc REQUIRED)
+find_program(TEXPRT_DLLTOOL NAMES ${TEXPRT_MINGW_TRIPLET}-dlltool REQUIRED)
+
+# Headers and libraries come from the target's sysroot only; programs run
+# during the build are the build machine's.
+set(CMAKE_FIND_ROOT_PATH ${TEXPRT_MINGW_ROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# mingw-w64's kernel headers (ntddk.h, ntifs.h, wdm.h).
+set(TEXPRT_DDK_INCLUDE_DIR ${TEXPRT_MINGW_ROOT}/include/ddk)
