@@ -1,10 +1,14 @@
 # Host build: hostkernel, the library as a loadable image, tests, tools.
 include(CTest)
 
+option(TEXPRT_FUZZ "Build the libFuzzer targets (clang) instead of tests and tools" OFF)
 set(TEXPRT_SANITIZE "" CACHE STRING "Sanitizers for the host build: address,undefined | thread | empty")
 if(TEXPRT_SANITIZE)
     add_compile_options(-fsanitize=${TEXPRT_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
     add_link_options(-fsanitize=${TEXPRT_SANITIZE})
+endif()
+if(TEXPRT_FUZZ)
+    add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 add_compile_options(-g)
 
@@ -28,7 +32,11 @@ add_custom_command(
 add_library(texprt_objects OBJECT ${TEXPRT_LIBRARY_SOURCES} ${TEXPRT_GENERATED_DIR}/message_table.cpp)
 set_target_properties(texprt_objects PROPERTIES POSITION_INDEPENDENT_CODE ON
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
-target_compile_options(texprt_objects PRIVATE ${TEXPRT_KERNEL_CXX_FLAGS} -fno-gnu-unique)
+target_compile_options(texprt_objects PRIVATE ${TEXPRT_KERNEL_CXX_FLAGS})
+# GCC's unique symbols would pin the image in memory after dlclose.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(texprt_objects PRIVATE -fno-gnu-unique)
+endif()
 target_include_directories(texprt_objects PUBLIC ${CMAKE_SOURCE_DIR} ${TEXPRT_GENERATED_DIR})
 target_link_libraries(texprt_objects PUBLIC hostkernel)
 
@@ -38,9 +46,17 @@ target_link_libraries(texprt_core PUBLIC texprt_objects)
 
 # The image: loaded with dlopen by tests and texprt-sim the way the kernel
 # loads an export driver, so every load starts from fresh static storage.
-add_library(texprt SHARED $<TARGET_OBJECTS:texprt_objects>)
-target_link_libraries(texprt PRIVATE hostkernel)
-target_link_options(texprt PRIVATE -Wl,-Bsymbolic -Wl,--no-undefined)
+if(NOT TEXPRT_FUZZ)
+    add_library(texprt SHARED $<TARGET_OBJECTS:texprt_objects>)
+    target_link_libraries(texprt PRIVATE hostkernel)
+    target_link_options(texprt PRIVATE -Wl,-Bsymbolic -Wl,--no-undefined)
+endif()
+
+if(TEXPRT_FUZZ)
+    add_subdirectory(tools/tpol)
+    add_subdirectory(fuzz)
+    return()
+endif()
 
 if(BUILD_TESTING)
     find_package(GTest REQUIRED)

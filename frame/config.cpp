@@ -4,6 +4,7 @@
 #include "diagnostics/trace.h"
 #include "frame/frame.h"
 #include "frame/helpers.h"
+#include "include/texprt.h"
 
 UCHAR PerfCountersEnabled;
 LARGE_INTEGER MaxCacheSize = {{(ULONG)DefaultMaxCacheSize, (LONG)(DefaultMaxCacheSize >> 32)}};
@@ -120,6 +121,9 @@ VOID ReadHbbCacheSize() {
 NTSTATUS LoadConfigurationAndPolicies() {
     PerfCountersEnabled = ReadPerfFlag();
     TcUpdateMaxCacheSize();
+    // A policy that cannot be read does not stop the library: the update
+    // reports it, and the library starts without that policy.
+    TcUpdateAppBlockingPolicy();
     ReadHbbCacheSize();
     return STATUS_SUCCESS;
 }

@@ -12,6 +12,7 @@
 #include "frame/helpers.h"
 #include "frame/workqueue.h"
 #include "process/housekeeping.h"
+#include "rules/update.h"
 
 KSPIN_LOCK StartLock;
 UCHAR Phase0Started;
@@ -136,6 +137,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcSystemsInitializePhase1() {
     // Undo. The timer is left alone: its next firing finds Phase1Started
     // clear and stops.
     ReleasePhase(&Phase1Started);
+    ClearAllRuleSets();
     return Status;
 }
 
@@ -152,7 +154,11 @@ TEXPRT_EXPORT NTSTATUS NTAPI DllUnload() {
     const UCHAR WasPhase0 = Phase0Started, WasPhase1 = Phase1Started;
     KeReleaseSpinLock(&StartLock, OldIrql);
     UNREFERENCED_PARAMETER(WasPhase0);
-    UNREFERENCED_PARAMETER(WasPhase1);
+
+    if (WasPhase1) {
+        const NTSTATUS Status = ClearAllRuleSets();
+        if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
+    }
 
     KeAcquireSpinLock(&StartLock, &OldIrql);
     Phase0Started = 0;
@@ -163,6 +169,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI DllUnload() {
 
     PoolFree(ServiceKeyPath);
     ServiceKeyPath = nullptr;
+    FreeRememberedPolicyNames();
 
     RundownWorkQueue(&LibraryWorkQueue);
 

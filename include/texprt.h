@@ -31,6 +31,19 @@
 extern "C" {
 #endif
 
+/* ------------------------------------------------------------------ records */
+
+/* The verdict of an app-blocking match. Matched and the identity fields are
+ * those of the last rule visited: a digest listed only in an earlier rule
+ * reports Matched 0. RuleSeen is 1 once any rule was visited. */
+typedef struct _AppBlockingResult {
+    UCHAR Matched;
+    ULONG RuleSeen;
+    ULONG PolicyTag;
+    ULONG RuleId[4];
+    UCHAR Reserved;
+} AppBlockingResult;
+
 /* ------------------------------------------------------------------ lifecycle */
 
 TEXPRT_API NTSTATUS NTAPI DllInitialize(PUNICODE_STRING RegistryPath);
@@ -84,6 +97,21 @@ TEXPRT_API PUNICODE_STRING NTAPI TcGetSystemRootDeviceString(VOID);
 
 /* Re-reads "MaxCacheSize" (MiB) under the service's Parameters key. */
 TEXPRT_API NTSTATUS NTAPI TcUpdateMaxCacheSize(VOID);
+
+/* ------------------------------------------------------------------ policy */
+
+/* Re-read a policy whose file path stands under Parameters. A missing value
+ * or file revokes the policy and returns STATUS_OBJECT_NAME_NOT_FOUND; a bad
+ * file leaves the running policy in force. */
+TEXPRT_API NTSTATUS NTAPI TcUpdateAppBlockingPolicy(VOID);
+TEXPRT_API VOID NTAPI TcRevokeAppBlockingPolicy(VOID);
+
+/* ------------------------------------------------------------------ app blocking */
+
+/* Digest: 32 raw SHA-256 bytes. The status says whether matching ran; the
+ * verdict is Result->Matched. */
+TEXPRT_API NTSTATUS NTAPI TcTFeMatchesProcessAppBlockingRuleSet(const UCHAR *Digest, AppBlockingResult *Result);
+TEXPRT_API UCHAR NTAPI TcIsHBBProcessSHA256SupportEnabled(VOID);
 
 /* ------------------------------------------------------------------ event log */
 

@@ -65,6 +65,8 @@ struct ConfigCase {
     UCHAR perf;
 };
 
+void PrintTo(const ConfigCase &c, std::ostream *os) { *os << c.what; }
+
 class ConfigurationTest : public FrameTest, public ::testing::WithParamInterface<ConfigCase> {};
 
 TEST_P(ConfigurationTest, PhaseZeroReadsTheRegistry) {
@@ -148,6 +150,7 @@ TEST_F(FrameTest, PhaseZeroWithoutDriverObjectChangesNothing) {
 TEST_F(FrameTest, NotifyDriverUnloadClearsOneSlot) {
     ASSERT_EQ(TcSystemsInitializePhase0(system_monitor_, TRUE), STATUS_SUCCESS);
     ASSERT_EQ(TcSystemsInitializePhase0(network_monitor_, FALSE), STATUS_SUCCESS);
+    hk::ClearEventLog();
     EXPECT_EQ(TcNotifyDriverUnload(TRUE), STATUS_SUCCESS);
     EXPECT_EQ(MonitorObjects[PreferredMonitorObject], nullptr);
     EXPECT_EQ(MonitorObjects[OtherMonitorObject], network_monitor_);

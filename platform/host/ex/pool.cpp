@@ -5,6 +5,7 @@
 
 #include <hk/hk.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -15,6 +16,8 @@
 
 namespace hk::detail {
 namespace {
+
+constexpr size_t kDefaultPoolLimit = size_t(512) << 20;
 
 struct Allocation {
     size_t size;
@@ -29,6 +32,10 @@ struct PoolState {
     uint64_t fail_at = 0;  // absolute call number to fail, 0 = none
     std::unordered_set<ULONG> failing_tags;
     uint64_t injected = 0;
+    // The pool is finite: an allocation that would take the outstanding
+    // total past the limit is refused, as an exhausted pool refuses it.
+    size_t limit = kDefaultPoolLimit;
+    size_t outstanding = 0;
 };
 
 PoolState &State() {
@@ -38,6 +45,7 @@ PoolState &State() {
             std::lock_guard guard(s->lock);
             s->fail_at = 0;
             s->failing_tags.clear();
+            s->limit = kDefaultPoolLimit;
         });
         return s;
     }();
@@ -68,13 +76,18 @@ void *PoolAllocate(POOL_TYPE type, size_t size, ULONG tag) {
             ++state.injected;
             return nullptr;
         }
+        if (size > state.limit - std::min(state.limit, state.outstanding)) return nullptr;
+        state.outstanding += size;
     }
     // Fill fresh memory with a pattern: pool memory is not zeroed, and code
     // that assumes it is should fail here rather than on a real machine.
     void *p = std::malloc(size == 0 ? 1 : size);
-    if (p == nullptr) return nullptr;
-    std::memset(p, 0xC5, size);
     std::lock_guard guard(state.lock);
+    if (p == nullptr) {
+        state.outstanding -= size;
+        return nullptr;
+    }
+    std::memset(p, 0xC5, size);
     state.live[p] = {size, tag, type};
     return p;
 }
@@ -98,6 +111,7 @@ void PoolFree(void *p, ULONG tag, const char *routine) {
         }
         // Scribble over freed memory so that a use after free shows.
         std::memset(p, 0xD7, it->second.size);
+        state.outstanding -= it->second.size;
         state.live.erase(it);
     }
     std::free(p);
@@ -190,6 +204,12 @@ void ClearAllocationFailures() {
     std::lock_guard guard(state.lock);
     state.fail_at = 0;
     state.failing_tags.clear();
+}
+
+void SetPoolLimit(size_t bytes) {
+    auto &state = detail::State();
+    std::lock_guard guard(state.lock);
+    state.limit = bytes;
 }
 
 uint64_t InjectedFailures() {

@@ -49,6 +49,9 @@ void FailNthAllocation(uint64_t n);
 // Fails every allocation with this tag until cleared.
 void FailAllocationsWithTag(uint32_t tag);
 void ClearAllocationFailures();
+// The pool's size: an allocation that would take the outstanding total past
+// it is refused (512 MiB after a reset).
+void SetPoolLimit(size_t bytes);
 // Number of allocations that injection has failed since boot.
 uint64_t InjectedFailures();
 

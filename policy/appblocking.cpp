@@ -1,0 +1,392 @@
+// The app-blocking policy: reading, checking and parsing the agent's file,
+// the rule set, its swap and removal, and the digest match.
+#include "policy/appblocking.h"
+
+#include "diagnostics/eventlog.h"
+#include "diagnostics/trace.h"
+#include "frame/helpers.h"
+
+TEXPRT_ASSERT_LAYOUT32(sizeof(AppBlockingResult) == 32);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(AppBlockingResult, RuleId) == 12);
+
+ProcessAppBlockingRuleSet *volatile AppBlockingRuleSet;
+volatile LONG64 PolicyFlags;
+// Zero-filled static storage is a valid free resource; it is never
+// initialised or deleted.
+ERESOURCE AppBlockingRuleLock;
+
+namespace {
+
+constexpr ACCESS_MASK PolicyFileAccess = 0x130089;  // FILE_GENERIC_READ | DELETE
+constexpr ULONG PolicyFileShare = 1;                // FILE_SHARE_READ
+constexpr ULONG PolicyFileOptions = 0x60;           // FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT
+constexpr ULONG FilePositionClass = 14;              // FilePositionInformation
+
+ULONG ReadUlong(const UCHAR *Bytes) {
+    ULONG Value;
+    RtlCopyMemory(&Value, Bytes, sizeof(Value));
+    return Value;
+}
+
+VOID WriteUlong(UCHAR *Bytes, ULONG Value) { RtlCopyMemory(Bytes, &Value, sizeof(Value)); }
+
+VOID ReportMismatch(PCWSTR Label, ULONG Found) {
+    ReportPolicyVersionMismatch(Label, (USHORT)(Found & 0xFF), (USHORT)AppBlockingFormatVersion);
+}
+
+// 64-bit store that keeps both halves together for lock-free readers on a
+// 32-bit machine.
+VOID ExchangePolicyFlags(ULONGLONG Flags) {
+    LONG64 Old;
+    do {
+        Old = PolicyFlags;
+    } while (InterlockedCompareExchange64(&PolicyFlags, (LONG64)Flags, Old) != Old);
+}
+
+UCHAR NarrowLower(UCHAR Character) { return (Character >= 'A' && Character <= 'Z') ? Character + 0x20 : Character; }
+
+}  // namespace
+
+NTSTATUS ReadAppBlockingPolicyFile(PUNICODE_STRING Path, PUCHAR *ImageOut, ULONG *SizeOut) {
+    if (Path == nullptr || ImageOut == nullptr || SizeOut == nullptr) return STATUS_INVALID_PARAMETER;
+    *ImageOut = nullptr;
+    *SizeOut = 0;
+
+    OBJECT_ATTRIBUTES Attributes;
+    // OBJ_KERNEL_HANDLE alone: the name is case-sensitive to the object manager.
+    InitializeObjectAttributes(&Attributes, Path, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    HANDLE File = nullptr;
+    IO_STATUS_BLOCK Io;
+    NTSTATUS Status = ZwCreateFile(&File, PolicyFileAccess, &Attributes, &Io, nullptr, FILE_ATTRIBUTE_NORMAL,
+                                   PolicyFileShare, FILE_OPEN, PolicyFileOptions, nullptr, 0);
+    if (Status != STATUS_SUCCESS) return Status;
+
+    PUCHAR Image = nullptr;
+    AppBlockingFileHeader Header;
+    RtlZeroMemory(&Header, sizeof(Header));
+    UCHAR HeaderBytes[AppBlockingReadExtra] = {};
+    Status = ZwReadFile(File, nullptr, nullptr, nullptr, &Io, HeaderBytes, sizeof(HeaderBytes), nullptr, nullptr);
+    if (NT_SUCCESS(Status)) {
+        RtlCopyMemory(&Header, HeaderBytes, sizeof(Header));
+        if (Header.Magic != AppBlockingPolicyMagic) {
+            Status = STATUS_FILE_INVALID;
+        } else if (Header.DataSize > 0xFFFFFFFFu - AppBlockingReadExtra) {
+            // The image size would wrap: no buffer could hold such a file.
+            Status = STATUS_DATA_ERROR;
+        } else {
+            const ULONG Size = Header.DataSize + AppBlockingReadExtra;
+            Image = (PUCHAR)PoolAlloc(PagedPool, Size, TagAppBlocking);
+            if (Image == nullptr) {
+                Status = STATUS_INSUFFICIENT_RESOURCES;
+            } else {
+                FILE_POSITION_INFORMATION Position;
+                Position.CurrentByteOffset.QuadPart = 0;
+                Status = ZwSetInformationFile(File, &Io, &Position, sizeof(Position),
+                                              (FILE_INFORMATION_CLASS)FilePositionClass);
+                if (NT_SUCCESS(Status))
+                    Status = ZwReadFile(File, nullptr, nullptr, nullptr, &Io, Image, Size, nullptr, nullptr);
+                if (!NT_SUCCESS(Status)) {
+                    PoolFree(Image);
+                    Image = nullptr;
+                }
+            }
+        }
+    }
+    ZwClose(File);
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        return Status;
+    }
+    *ImageOut = Image;
+    *SizeOut = Header.DataSize;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CreateAppBlockingRuleSet(ULONG Count, ProcessAppBlockingRuleSet **SetOut) {
+    if (SetOut == nullptr || Count == 0) return STATUS_INVALID_PARAMETER;
+    *SetOut = nullptr;
+    const ULONGLONG Bytes = FIELD_OFFSET(ProcessAppBlockingRuleSet, Rules) + ((ULONGLONG)Count + 1) * sizeof(AppBlockingRule);
+    if (Bytes > 0xFFFFFFFFu) return STATUS_INSUFFICIENT_RESOURCES;
+    auto *Set = (ProcessAppBlockingRuleSet *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagAppBlocking);
+    if (Set == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
+    RtlZeroMemory(Set, (SIZE_T)Bytes);
+    Set->Capacity = Count;
+    *SetOut = Set;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS InitAppBlockingRule(AppBlockingRule *Rule, ULONG RuleType, const ULONG RuleId[4], ULONG PolicyTag) {
+    if (Rule == nullptr || RuleId == nullptr) return STATUS_INVALID_PARAMETER;
+    RtlZeroMemory(Rule, sizeof(*Rule));
+    Rule->RuleType = RuleType;
+    RtlCopyMemory(Rule->RuleId, RuleId, sizeof(Rule->RuleId));
+    Rule->PolicyTag = PolicyTag;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS FreeAppBlockingRule(AppBlockingRule *Rule) {
+    if (Rule == nullptr) return STATUS_INVALID_PARAMETER;
+    if (Rule->HashesBorrowed == 0) {
+        if (Rule->Hashes != nullptr) {
+            for (ULONG Index = 0; Index < Rule->HashCount; ++Index) {
+                PoolFree(Rule->Hashes[Index]);
+                Rule->Hashes[Index] = nullptr;
+            }
+            PoolFree(Rule->Hashes);
+            Rule->Hashes = nullptr;
+        }
+        Rule->HashCount = 0;
+    }
+    Rule->HashesBorrowed = 0;
+    Rule->RuleType = 0;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS FreeAppBlockingRuleSet(ProcessAppBlockingRuleSet *Set) {
+    if (Set == nullptr) return STATUS_INVALID_PARAMETER;
+    for (ULONG Index = 0; Index < Set->RuleCount; ++Index) FreeAppBlockingRule(&Set->Rules[Index]);
+    PoolFree(Set);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS AddAppBlockingHash(AppBlockingRule *Rule, const WCHAR *Text, ULONG Characters, PUCHAR **SlotOut) {
+    if (Rule == nullptr || Text == nullptr || SlotOut == nullptr) return STATUS_INVALID_PARAMETER;
+    *SlotOut = nullptr;
+    // The array grows by one slot per digest; the old one goes only once
+    // everything else has worked, so a failure leaves the rule as it was.
+    PUCHAR *Hashes = (PUCHAR *)PoolAlloc(DefaultPool, (Rule->HashCount + 1) * sizeof(PUCHAR), TagAppBlocking);
+    if (Hashes == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
+    for (ULONG Index = 0; Index < Rule->HashCount; ++Index) Hashes[Index] = Rule->Hashes[Index];
+    if (Characters == 0) {
+        PoolFree(Hashes);
+        return STATUS_INVALID_PARAMETER;
+    }
+    PUCHAR Narrow = (PUCHAR)PoolAlloc(DefaultPool, Characters + 1, TagAppBlocking);
+    if (Narrow == nullptr) {
+        PoolFree(Hashes);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    for (ULONG Index = 0; Index < Characters; ++Index) Narrow[Index] = (UCHAR)Text[Index];
+    Narrow[Characters] = 0;
+    PUCHAR Digest = (PUCHAR)PoolAlloc(DefaultPool, AppBlockingDigestBytes + 1, TagAppBlocking);
+    if (Digest == nullptr) {
+        PoolFree(Narrow);
+        PoolFree(Hashes);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    Digest[AppBlockingDigestBytes] = 0;
+    // No character is refused: one that is not hexadecimal folds into some
+    // value, and a text that ends early leaves the rest of the digest as the
+    // pool gave it. Both are tolerated as they always were.
+    ULONG Out = 0;
+    for (ULONG Index = 0; Index + 1 <= Characters && Narrow[Index] != 0 && Out < AppBlockingDigestBytes;
+         Index += 2, ++Out) {
+        UCHAR High = Narrow[Index];
+        if (High > '9') High = (UCHAR)(NarrowLower(High) - 7);
+        UCHAR Byte = (UCHAR)(High << 4);
+        UCHAR Low = Narrow[Index + 1];
+        Low = Low > '9' ? (UCHAR)(NarrowLower(Low) - 0x57) : (UCHAR)(Low - 0x30);
+        Digest[Out] = Byte | Low;
+    }
+    PoolFree(Narrow);
+    Hashes[Rule->HashCount] = Digest;
+    PoolFree(Rule->Hashes);
+    Rule->Hashes = Hashes;
+    *SlotOut = &Hashes[Rule->HashCount];
+    Rule->HashCount += 1;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ParseAppBlockingPolicy(PUCHAR Image, ULONGLONG *FlagsOut, ProcessAppBlockingRuleSet **SetOut) {
+    if (Image == nullptr || FlagsOut == nullptr || SetOut == nullptr) return STATUS_INVALID_PARAMETER;
+    *FlagsOut = 0;
+    *SetOut = nullptr;
+    NTSTATUS Status = STATUS_UNSUCCESSFUL;
+    AppBlockingFileHeader Header;
+    RtlCopyMemory(&Header, Image, sizeof(Header));
+    PUCHAR Records = Image + AppBlockingHeaderSize;
+    const ULONG DataSize = Header.DataSize;
+
+    if (ComputePolicyChecksum(Records, DataSize) != Header.Checksum) {
+        TRACE_STATUS(STATUS_DATA_ERROR);
+        return STATUS_DATA_ERROR;
+    }
+
+    ProcessAppBlockingRuleSet *Set = nullptr;
+    if (Header.RuleCount != 0) Status = CreateAppBlockingRuleSet(Header.RuleCount, &Set);
+    // With no rules announced there is no set, and any record is an error.
+    if (DataSize != 0 && (Header.RuleCount == 0 || NT_SUCCESS(Status))) {
+        // The checksum proves the writer, not the counts: every record, its
+        // entries and the number of rules are held against what the image and
+        // the set really hold before anything is read, and a file that
+        // claims more is refused.
+        ULONG Offset = 0;
+        while (Offset < DataSize) {
+            if ((ULONGLONG)Offset + AppBlockingRecordFixedSize > DataSize) {
+                Status = STATUS_DATA_ERROR;
+                break;
+            }
+            PUCHAR Record = Records + Offset;
+            AppBlockingRuleRecord Rule;
+            RtlCopyMemory(&Rule, Record, sizeof(Rule));
+            if (Rule.Magic != AppBlockingRuleMagic) {
+                ReportMismatch(WIDE("App Blocking Process Rule Magic Number"), Rule.Magic);
+                Status = STATUS_DATA_ERROR;
+                break;
+            }
+            if (Rule.RuleCategory != 0) {
+                Status = STATUS_INVALID_PARAMETER;
+                break;
+            }
+            if (Set == nullptr) {
+                Status = STATUS_DATA_ERROR;
+                break;
+            }
+            if (Rule.BodyMagic != AppBlockingBodyMagic) {
+                ReportMismatch(WIDE("App Blocking Process Rule Body Header"), Rule.BodyMagic);
+                Status = STATUS_INVALID_PARAMETER;
+                break;
+            }
+            const ULONGLONG EntriesEnd =
+                AppBlockingRecordFixedSize + (ULONGLONG)Rule.HashCount * AppBlockingHashEntrySize;
+            if (Rule.RecordSize == 0 || (ULONGLONG)Offset + Rule.RecordSize > DataSize ||
+                EntriesEnd > Rule.RecordSize || Set->RuleCount >= Set->Capacity) {
+                Status = STATUS_DATA_ERROR;
+                break;
+            }
+            AppBlockingRule *Slot = &Set->Rules[Set->RuleCount];
+            Status = InitAppBlockingRule(Slot, Rule.RuleType, Rule.RuleId, Header.PolicyTag);
+            if (!NT_SUCCESS(Status)) break;
+            Set->RuleCount += 1;
+            for (ULONG Entry = 0; Entry < Rule.HashCount; ++Entry) {
+                PUCHAR EntryBytes = Record + AppBlockingRecordFixedSize + Entry * AppBlockingHashEntrySize;
+                const ULONG EntryMagic = ReadUlong(EntryBytes);
+                if (EntryMagic != AppBlockingHashMagic) {
+                    ReportMismatch(WIDE("App Blocking SHA256 rule"), EntryMagic);
+                    Status = STATUS_INVALID_PARAMETER;
+                    break;
+                }
+                // The text reference slot takes the text's address, as the
+                // format says; only its low 32 bits fit on a 64-bit host.
+                const WCHAR *Text = (const WCHAR *)(EntryBytes + FIELD_OFFSET(AppBlockingHashEntry, Digest));
+                WriteUlong(EntryBytes + FIELD_OFFSET(AppBlockingHashEntry, TextReference), (ULONG)(ULONG_PTR)Text);
+                PUCHAR *NewSlot = nullptr;
+                Status = AddAppBlockingHash(Slot, Text, AppBlockingDigestChars, &NewSlot);
+                if (!NT_SUCCESS(Status)) break;
+            }
+            if (!NT_SUCCESS(Status)) break;
+            Offset += Rule.RecordSize;
+        }
+    }
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        if (Set != nullptr) FreeAppBlockingRuleSet(Set);
+        return Status;
+    }
+    *FlagsOut = Header.PolicyFlags;
+    *SetOut = Set;
+    return Status;
+}
+
+NTSTATUS LoadAppBlockingPolicy(PUNICODE_STRING Path, ULONGLONG *FlagsOut, ProcessAppBlockingRuleSet **SetOut) {
+    if (Path == nullptr || FlagsOut == nullptr || SetOut == nullptr) return STATUS_INVALID_PARAMETER;
+    *FlagsOut = 0;
+    *SetOut = nullptr;
+    PUCHAR Image = nullptr;
+    ULONG DataSize = 0;
+    NTSTATUS Status = ReadAppBlockingPolicyFile(Path, &Image, &DataSize);
+    if (!NT_SUCCESS(Status)) return Status;
+    Status = ParseAppBlockingPolicy(Image, FlagsOut, SetOut);
+    PoolFree(Image);
+    return Status;
+}
+
+NTSTATUS MatchAppBlockingRuleSet(const UCHAR *Digest, const ProcessAppBlockingRuleSet *Set,
+                                 AppBlockingResult *Result) {
+    if (Digest == nullptr || Set == nullptr || Result == nullptr) return STATUS_INVALID_PARAMETER;
+    Result->Matched = 0;
+    // Every rule is visited, and each rule with digests clears Matched before
+    // testing its own list: the verdict and the identity are the last rule's.
+    for (ULONG Index = 0; Index < Set->RuleCount; ++Index) {
+        const AppBlockingRule *Rule = &Set->Rules[Index];
+        if (Rule->RuleType != AppBlockingProcessRuleType) return STATUS_INVALID_PARAMETER;
+        if (Rule->Hashes == nullptr) return STATUS_INVALID_PARAMETER;
+        if (Rule->HashCount != 0) {
+            Result->Matched = 0;
+            for (ULONG Hash = 0; Hash < Rule->HashCount; ++Hash) {
+                const UCHAR *Listed = Rule->Hashes[Hash];
+                if (Listed == nullptr) return STATUS_INVALID_PARAMETER;
+                ULONG Word = 0;
+                for (; Word < AppBlockingDigestBytes / sizeof(ULONG); ++Word)
+                    if (ReadUlong(Digest + Word * 4) != ReadUlong(Listed + Word * 4)) break;
+                if (Word == AppBlockingDigestBytes / sizeof(ULONG)) {
+                    Result->Matched = 1;
+                    break;
+                }
+            }
+        }
+        Result->RuleSeen = 1;
+        Result->PolicyTag = Rule->PolicyTag;
+        RtlCopyMemory(Result->RuleId, Rule->RuleId, sizeof(Result->RuleId));
+        Result->Reserved = 0;
+    }
+    return STATUS_SUCCESS;
+}
+
+TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesProcessAppBlockingRuleSet(const UCHAR *Digest, AppBlockingResult *Result) {
+    if (Result == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    Result->Matched = 0;
+    KeEnterCriticalRegion();
+    ExAcquireResourceSharedLite(&AppBlockingRuleLock, TRUE);
+    // The set pointer is read only under the lock: a swap cannot free it now.
+    const NTSTATUS Status = MatchAppBlockingRuleSet(Digest, AppBlockingRuleSet, Result);
+    ExReleaseResourceLite(&AppBlockingRuleLock);
+    KeLeaveCriticalRegion();
+    if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
+    return Status;
+}
+
+TEXPRT_EXPORT UCHAR NTAPI TcIsHBBProcessSHA256SupportEnabled() {
+    // The low byte of the live word, read with no lock.
+    return *(volatile const UCHAR *)&PolicyFlags & 1;
+}
+
+NTSTATUS InstallAppBlockingRuleSet(ULONGLONG Flags, ProcessAppBlockingRuleSet *Set) {
+    if (Set == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    KeEnterCriticalRegion();
+    ExAcquireResourceExclusiveLite(&AppBlockingRuleLock, TRUE);
+    auto *Old = (ProcessAppBlockingRuleSet *)InterlockedExchangePointer((PVOID volatile *)&AppBlockingRuleSet, Set);
+    ExchangePolicyFlags(Flags);
+    ExReleaseResourceLite(&AppBlockingRuleLock);
+    KeLeaveCriticalRegion();
+    if (Old != nullptr) FreeAppBlockingRuleSet(Old);
+    return STATUS_SUCCESS;
+}
+
+VOID RemoveAppBlockingRuleSet() {
+    KeEnterCriticalRegion();
+    ExAcquireResourceExclusiveLite(&AppBlockingRuleLock, TRUE);
+    auto *Old = (ProcessAppBlockingRuleSet *)InterlockedExchangePointer((PVOID volatile *)&AppBlockingRuleSet, nullptr);
+    ExReleaseResourceLite(&AppBlockingRuleLock);
+    KeLeaveCriticalRegion();
+    // The flags follow the set out after the release, so the SHA-256 query
+    // may answer yes for a moment with no set present.
+    ExchangePolicyFlags(0);
+    if (Old != nullptr) FreeAppBlockingRuleSet(Old);
+}
+
+VOID ClearAppBlockingRuleSet() {
+    KeEnterCriticalRegion();
+    ExAcquireResourceExclusiveLite(&AppBlockingRuleLock, TRUE);
+    auto *Old = (ProcessAppBlockingRuleSet *)InterlockedExchangePointer((PVOID volatile *)&AppBlockingRuleSet, nullptr);
+    ExchangePolicyFlags(0);
+    ExReleaseResourceLite(&AppBlockingRuleLock);
+    KeLeaveCriticalRegion();
+    if (Old != nullptr) FreeAppBlockingRuleSet(Old);
+}

@@ -1,0 +1,203 @@
+// The policy update procedure and the revocation exports.
+#include "rules/update.h"
+
+#include "diagnostics/eventlog.h"
+#include "diagnostics/trace.h"
+#include "frame/config.h"
+#include "frame/helpers.h"
+#include "include/texprt.h"
+#include "policy/appblocking.h"
+
+PUNICODE_STRING LastEdrPolicyName;
+PUNICODE_STRING LastProtectionPolicyName;
+PUNICODE_STRING LastAppBlockingPolicyName;
+
+namespace {
+
+// What differs between the three stores' updates.
+struct PolicyUpdateKind {
+    PCWSTR ValueName;
+    PUNICODE_STRING *ComparedName;
+    NTSTATUS (*LoadAndInstall)(PUNICODE_STRING Path);
+    VOID (*AfterInstall)();  // may be null
+    BOOLEAN RememberAsEdr;
+    VOID (*Revoke)();
+    VOID (*ReportFailure)(NTSTATUS Status);
+};
+
+VOID RevokeAppBlocking() {
+    RemoveAppBlockingRuleSet();
+    ReportEvent(MsgAppBlockingPolicyRevoked);
+}
+
+// The app-blocking update compares with its own remembered name, but
+// remembers as a non-EDR policy, in the protection policy's slot: its own
+// slot is never written, so its file is read afresh at every call, and the
+// next protection update finds a different name and reloads as well. Both
+// are long-standing behaviour that the agent relies on and that is kept.
+const PolicyUpdateKind AppBlockingUpdate = {
+    WIDE("AppBlockingPolicyFilePath"), &LastAppBlockingPolicyName, UpdateAppBlockingRuleSet, nullptr, FALSE,
+    RevokeAppBlocking, ReportAppBlockingReadFailure,
+};
+
+NTSTATUS UpdatePolicy(const PolicyUpdateKind &Kind) {
+    PUNICODE_STRING Path = nullptr;
+    NTSTATUS Status = ReadPolicyPath(Kind.ValueName, &Path);
+    if (NT_SUCCESS(Status)) {
+        BOOLEAN Unchanged = FALSE;
+        if (Path->Length != 0 && Path->Buffer != nullptr) {
+            UNICODE_STRING Directory, FileName;
+            const NTSTATUS SplitStatus = SplitPolicyPath(Path, &Directory, &FileName);
+            if (!NT_SUCCESS(SplitStatus)) {
+                TRACE_STATUS(SplitStatus);
+            } else if (*Kind.ComparedName != nullptr &&
+                       RtlCompareUnicodeString(*Kind.ComparedName, &FileName, TRUE) == 0) {
+                // Only the file name counts: new content under the same name,
+                // or the same name in another directory, is unchanged.
+                Unchanged = TRUE;
+            }
+        }
+        if (Unchanged) {
+            PoolFree(Path);
+            return STATUS_SUCCESS;
+        }
+        Status = Kind.LoadAndInstall(Path);
+        if (NT_SUCCESS(Status)) {
+            if (Kind.AfterInstall != nullptr) Kind.AfterInstall();
+            RememberPolicyFileName(Path, Kind.RememberAsEdr);
+        } else {
+            TRACE_STATUS(Status);
+        }
+    }
+    // A value missing from the registry or a file that is gone both mean
+    // that the agent withdrew the policy.
+    if (Status == STATUS_OBJECT_NAME_NOT_FOUND) {
+        Kind.Revoke();
+    } else if (!NT_SUCCESS(Status)) {
+        Kind.ReportFailure(Status);
+    }
+    PoolFree(Path);
+    return Status;
+}
+
+}  // namespace
+
+NTSTATUS ReadPolicyPath(PCWSTR ValueName, PUNICODE_STRING *Path) {
+    *Path = nullptr;
+    HANDLE ServiceKey = nullptr, Parameters = nullptr;
+    PUCHAR Buffer = nullptr;
+    NTSTATUS Status = OpenServiceKey(&ServiceKey);
+    if (NT_SUCCESS(Status)) Status = OpenParametersKey(ServiceKey, &Parameters);
+    if (NT_SUCCESS(Status)) {
+        UNICODE_STRING Name;
+        RtlInitUnicodeString(&Name, ValueName);
+        ULONG Size = 0;
+        Status = ZwQueryValueKey(Parameters, &Name, KeyValuePartialInformation, nullptr, 0, &Size);
+        if (Status == STATUS_BUFFER_OVERFLOW || Status == STATUS_BUFFER_TOO_SMALL) {
+            // Twenty spare zero bytes: the text is measured up to a NUL
+            // whatever type the value has.
+            const ULONG BufferSize = Size + 20;
+            Buffer = BufferSize > Size ? (PUCHAR)PoolAlloc(DefaultPool, BufferSize, TagConfig) : nullptr;
+            if (Buffer == nullptr) {
+                Status = STATUS_INSUFFICIENT_RESOURCES;
+            } else {
+                RtlZeroMemory(Buffer, BufferSize);
+                Status = ZwQueryValueKey(Parameters, &Name, KeyValuePartialInformation, Buffer, BufferSize, &Size);
+                if (NT_SUCCESS(Status)) {
+                    auto *Information = (PKEY_VALUE_PARTIAL_INFORMATION)Buffer;
+                    UNICODE_STRING Text;
+                    RtlInitUnicodeString(&Text, (PCWSTR)Information->Data);
+                    if (Text.Length == 0) {
+                        Status = STATUS_UNSUCCESSFUL;
+                    } else {
+                        *Path = NewCountedString(&Text, TagConfig);
+                        if (*Path == nullptr) Status = STATUS_INSUFFICIENT_RESOURCES;
+                    }
+                }
+            }
+        }
+    }
+    if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
+    if (Parameters != nullptr) ZwClose(Parameters);
+    if (ServiceKey != nullptr) ZwClose(ServiceKey);
+    PoolFree(Buffer);
+    return Status;
+}
+
+NTSTATUS SplitPolicyPath(PCUNICODE_STRING Path, PUNICODE_STRING Directory, PUNICODE_STRING FileName) {
+    if (Path == nullptr || Directory == nullptr || FileName == nullptr || Path->Length == 0 || Path->Buffer == nullptr)
+        return STATUS_INVALID_PARAMETER;
+    const USHORT Chars = Path->Length / sizeof(WCHAR);
+    USHORT Slash = Chars;
+    for (USHORT Index = Chars; Index > 0; --Index) {
+        if (Path->Buffer[Index - 1] == '\\') {
+            Slash = (USHORT)(Index - 1);
+            break;
+        }
+    }
+    if (Slash == Chars) return STATUS_UNSUCCESSFUL;
+    FileName->Buffer = Path->Buffer + Slash + 1;
+    FileName->Length = FileName->MaximumLength = (USHORT)((Chars - Slash - 1) * sizeof(WCHAR));
+    Directory->Buffer = Path->Buffer;
+    Directory->Length = (USHORT)((Slash + 1) * sizeof(WCHAR));
+    // A volume root in an object-manager path keeps its backslash
+    // (\DEVICE\HARDDISKVOLUME1\ has three); deeper directories lose it.
+    ULONG Backslashes = 0;
+    for (USHORT Index = 0; Index <= Slash && Backslashes < 4; ++Index)
+        if (Directory->Buffer[Index] == '\\') ++Backslashes;
+    if (Backslashes >= 4) Directory->Length -= sizeof(WCHAR);
+    Directory->MaximumLength = Directory->Length;
+    return STATUS_SUCCESS;
+}
+
+VOID RememberPolicyFileName(PCUNICODE_STRING Path, BOOLEAN IsEdr) {
+    UNICODE_STRING Directory, FileName;
+    NTSTATUS Status = SplitPolicyPath(Path, &Directory, &FileName);
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        return;
+    }
+    PUNICODE_STRING Name = NewCountedString(&FileName, TagConfig);
+    if (Name == nullptr) {
+        TRACE_STATUS(STATUS_INSUFFICIENT_RESOURCES);
+        return;
+    }
+    PUNICODE_STRING *Slot = IsEdr ? &LastEdrPolicyName : &LastProtectionPolicyName;
+    PoolFree(*Slot);
+    *Slot = Name;
+}
+
+NTSTATUS UpdateAppBlockingRuleSet(PUNICODE_STRING Path) {
+    ULONGLONG Flags = 0;
+    ProcessAppBlockingRuleSet *Set = nullptr;
+    NTSTATUS Status = LoadAppBlockingPolicy(Path, &Flags, &Set);
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+    } else {
+        Status = InstallAppBlockingRuleSet(Flags, Set);
+        if (!NT_SUCCESS(Status)) {
+            TRACE_STATUS(Status);
+        } else {
+            ReportEvent(MsgAppBlockingPolicyUpdated);
+            Set = nullptr;  // the store owns it now
+        }
+    }
+    if (Set != nullptr) FreeAppBlockingRuleSet(Set);
+    return Status;
+}
+
+VOID FreeRememberedPolicyNames() {
+    PoolFree(LastEdrPolicyName);
+    PoolFree(LastProtectionPolicyName);
+    PoolFree(LastAppBlockingPolicyName);
+    LastEdrPolicyName = LastProtectionPolicyName = LastAppBlockingPolicyName = nullptr;
+}
+
+NTSTATUS ClearAllRuleSets() {
+    ClearAppBlockingRuleSet();
+    return STATUS_SUCCESS;
+}
+
+TEXPRT_EXPORT NTSTATUS NTAPI TcUpdateAppBlockingPolicy() { return UpdatePolicy(AppBlockingUpdate); }
+
+TEXPRT_EXPORT VOID NTAPI TcRevokeAppBlockingPolicy() { RevokeAppBlocking(); }

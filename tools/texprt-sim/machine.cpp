@@ -1,0 +1,181 @@
+// The simulated machine of a scenario: one system volume C: backed by a
+// temporary host directory, the registry, the files, the manual clock and
+// the monitors' driver objects.
+#include "sim.h"
+
+#include "tools/tpol/lib/tpol.h"
+
+#include <cstdlib>
+#include <fstream>
+
+namespace sim {
+
+namespace {
+
+constexpr const char *kSystemVolume = "\\Device\\HarddiskVolume2";
+
+std::vector<uint8_t> HexBytes(const std::string &text, const std::string &file, const YAML::Node &node) {
+    std::vector<uint8_t> out;
+    int pending = -1;
+    for (char c : text) {
+        if (std::isspace(static_cast<unsigned char>(c))) continue;
+        int v = std::isdigit(static_cast<unsigned char>(c)) ? c - '0'
+                : (c >= 'a' && c <= 'f')                    ? c - 'a' + 10
+                : (c >= 'A' && c <= 'F')                    ? c - 'A' + 10
+                                                            : -1;
+        if (v < 0) Fail(file, node, std::string("hex: '") + c + "' is not a hexadecimal digit");
+        if (pending < 0) pending = v;
+        else {
+            out.push_back(uint8_t(pending << 4 | v));
+            pending = -1;
+        }
+    }
+    if (pending >= 0) Fail(file, node, "hex: an odd number of digits");
+    return out;
+}
+
+void CheckKeys(const YAML::Node &map, std::initializer_list<const char *> allowed, const std::string &what,
+               const std::string &file) {
+    if (!map.IsMap()) Fail(file, map, what + " must be a mapping");
+    for (const auto &item : map) {
+        const auto key = item.first.as<std::string>();
+        bool ok = false;
+        for (const char *a : allowed) ok = ok || key == a;
+        if (!ok) Fail(file, item.first, "unknown key '" + key + "' in " + what);
+    }
+}
+
+}  // namespace
+
+Machine::Machine(std::filesystem::path scenario_dir, std::string image_path)
+    : scenario_dir_(std::move(scenario_dir)), image_path_(std::move(image_path)) {
+    std::string pattern = (std::filesystem::temp_directory_path() / "texprt-sim-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw ScenarioError("cannot make a temporary directory");
+    root_ = pattern;
+}
+
+Machine::~Machine() {
+    image_.Unload();
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
+}
+
+void Machine::Boot(const YAML::Node &block, const std::string &file) {
+    hk::Reset();
+    hk::UseManualClock();
+    const auto volume = root_ / "HarddiskVolume2";
+    std::filesystem::create_directories(volume / "Windows" / "System32");
+    hk::AddVolume(kSystemVolume, volume.string());
+    hk::CreateSymbolicLink("\\??\\C:", kSystemVolume);
+    hk::CreateSymbolicLink("\\SystemRoot", std::string(kSystemVolume) + "\\Windows");
+    if (!block) return;
+    CheckKeys(block, {"registry", "files", "clock"}, "machine", file);
+    if (const auto clock = block["clock"]) {
+        CheckKeys(clock, {"start", "time_zone_bias_minutes"}, "clock", file);
+        if (clock["start"]) hk::UseManualClock(clock["start"].as<int64_t>());
+        if (clock["time_zone_bias_minutes"])
+            hk::SetTimeZoneBias(clock["time_zone_bias_minutes"].as<int64_t>() * 60 * hk::kTicksPerSecond);
+    }
+    if (const auto registry = block["registry"]) {
+        if (!registry.IsSequence()) Fail(file, registry, "registry must be a list of keys");
+        for (const auto &key : registry) {
+            CheckKeys(key, {"key", "values"}, "a registry key", file);
+            if (!key["key"]) Fail(file, key, "a registry key needs 'key'");
+            const std::string path = key["key"].as<std::string>();
+            hk::RegistryCreateKey(path);
+            if (key["values"]) SetRegistryValue(path, key["values"], file);
+        }
+    }
+    if (const auto files = block["files"]) {
+        if (!files.IsSequence()) Fail(file, files, "files must be a list");
+        for (const auto &spec : files) WriteFile(spec, file, false);
+    }
+}
+
+void Machine::SetRegistryValue(const std::string &key, const YAML::Node &values, const std::string &file) {
+    if (!values.IsMap()) Fail(file, values, "values must map names to {sz: ...}, {dword: ...} and the like");
+    for (const auto &item : values) {
+        const std::string name = item.first.as<std::string>();
+        const YAML::Node v = item.second;
+        if (!v.IsMap() || v.size() != 1)
+            Fail(file, v, "value '" + name + "' needs one of sz, expand_sz, multi_sz, dword, qword, binary");
+        const std::string type = v.begin()->first.as<std::string>();
+        const YAML::Node data = v.begin()->second;
+        if (type == "sz" || type == "expand_sz") {
+            hk::RegistrySetString(key, name, data.as<std::string>(), type == "sz" ? REG_SZ : REG_EXPAND_SZ);
+        } else if (type == "dword") {
+            hk::RegistrySetDword(key, name, data.as<uint32_t>());
+        } else if (type == "qword") {
+            hk::RegistrySetQword(key, name, data.as<uint64_t>());
+        } else if (type == "binary") {
+            hk::RegistrySetValue(key, name, {REG_BINARY, HexBytes(data.as<std::string>(), file, data)});
+        } else if (type == "multi_sz") {
+            std::u16string all;
+            for (const auto &s : data) all += hk::Utf16(s.as<std::string>()) + u'\0';
+            all += u'\0';
+            std::vector<uint8_t> bytes(all.size() * 2);
+            std::memcpy(bytes.data(), all.data(), bytes.size());
+            hk::RegistrySetValue(key, name, {REG_MULTI_SZ, bytes});
+        } else {
+            Fail(file, v, "unknown value type '" + type + "'");
+        }
+    }
+}
+
+void Machine::WriteFile(const YAML::Node &spec, const std::string &file, bool must_exist) {
+    CheckKeys(spec, {"path", "policy", "hex", "text", "copy"}, "a file", file);
+    if (!spec["path"]) Fail(file, spec, "a file needs 'path'");
+    const std::string path = spec["path"].as<std::string>();
+    std::vector<uint8_t> bytes;
+    int sources = 0;
+    if (const auto policy = spec["policy"]) {
+        ++sources;
+        try {
+            bytes = policy.IsMap() ? tpol::Compile(policy, file)
+                                   : tpol::CompileFile((scenario_dir_ / policy.as<std::string>()).string());
+        } catch (const std::exception &e) {
+            Fail(file, policy, std::string("policy: ") + e.what());
+        }
+    }
+    if (const auto hex = spec["hex"]) {
+        ++sources;
+        bytes = HexBytes(hex.as<std::string>(), file, hex);
+    }
+    if (const auto text = spec["text"]) {
+        ++sources;
+        const std::string t = text.as<std::string>();
+        bytes.assign(t.begin(), t.end());
+    }
+    if (const auto copy = spec["copy"]) {
+        ++sources;
+        std::ifstream in(scenario_dir_ / copy.as<std::string>(), std::ios::binary);
+        if (!in) Fail(file, copy, "cannot read " + (scenario_dir_ / copy.as<std::string>()).string());
+        bytes.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    if (sources != 1) Fail(file, spec, "a file takes exactly one of policy, hex, text, copy");
+    if (must_exist && !hk::FileExists(path)) Fail(file, spec, "replace_file: " + path + " does not exist");
+    if (!hk::WriteFile(path, std::string(bytes.begin(), bytes.end()))) Fail(file, spec, "cannot write " + path + ": not on a volume");
+}
+
+PDRIVER_OBJECT Machine::Driver(const std::string &name) {
+    auto it = drivers_.find(name);
+    if (it != drivers_.end()) return it->second;
+    const std::string driver_name = name == "system-monitor"    ? "\\Driver\\tmon"
+                                    : name == "network-monitor" ? "\\Driver\\tnmon"
+                                                                : "\\Driver\\" + name;
+    return drivers_[name] = hk::CreateDriverObject(driver_name);
+}
+
+int32_t Machine::LoadLibrary() {
+    const std::string error = image_.Load(image_path_);
+    if (!error.empty()) throw ScenarioError("cannot load " + image_path_ + ": " + error);
+    return Export<NTSTATUS(PUNICODE_STRING)>("DllInitialize")(nullptr);
+}
+
+int32_t Machine::UnloadLibrary() {
+    const int32_t status = Export<NTSTATUS()>("DllUnload")();
+    image_.Unload();
+    return status;
+}
+
+}  // namespace sim
