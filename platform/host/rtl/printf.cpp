@@ -21,30 +21,30 @@ std::u16string Digits(uint64_t v, unsigned base, bool upper) {
     return d;
 }
 
-struct Spec {
+struct FieldFormat {
     bool left = false, plus = false, space = false, alt = false, zero = false;
     int width = -1, precision = -1;
 };
 
-void EmitText(std::u16string &out, const Spec &spec, std::u16string text) {
-    if (spec.precision >= 0 && text.size() > size_t(spec.precision)) text.resize(spec.precision);
-    const size_t width = spec.width > 0 ? size_t(spec.width) : 0;
-    if (!spec.left && text.size() < width) Pad(out, width - text.size(), u' ');
+void EmitText(std::u16string &out, const FieldFormat &field, std::u16string text) {
+    if (field.precision >= 0 && text.size() > size_t(field.precision)) text.resize(field.precision);
+    const size_t width = field.width > 0 ? size_t(field.width) : 0;
+    if (!field.left && text.size() < width) Pad(out, width - text.size(), u' ');
     out += text;
-    if (spec.left && text.size() < width) Pad(out, width - text.size(), u' ');
+    if (field.left && text.size() < width) Pad(out, width - text.size(), u' ');
 }
 
-void EmitNumber(std::u16string &out, const Spec &spec, std::u16string digits, std::u16string prefix) {
-    if (spec.precision >= 0) {
-        if (spec.precision == 0 && digits == u"0") digits.clear();
-        if (digits.size() < size_t(spec.precision)) digits.insert(0, spec.precision - digits.size(), u'0');
+void EmitNumber(std::u16string &out, const FieldFormat &field, std::u16string digits, std::u16string prefix) {
+    if (field.precision >= 0) {
+        if (field.precision == 0 && digits == u"0") digits.clear();
+        if (digits.size() < size_t(field.precision)) digits.insert(0, field.precision - digits.size(), u'0');
     }
-    const size_t width = spec.width > 0 ? size_t(spec.width) : 0;
+    const size_t width = field.width > 0 ? size_t(field.width) : 0;
     const size_t len = prefix.size() + digits.size();
-    if (spec.left) {
+    if (field.left) {
         out += prefix + digits;
         if (len < width) Pad(out, width - len, u' ');
-    } else if (spec.zero && spec.precision < 0) {
+    } else if (field.zero && field.precision < 0) {
         out += prefix;
         if (len < width) Pad(out, width - len, u'0');
         out += digits;
@@ -70,33 +70,33 @@ extern "C" int _vsnwprintf(WCHAR *Buffer, size_t Count, const WCHAR *Format, va_
             out += u'%';
             continue;
         }
-        Spec spec;
+        FieldFormat field;
         for (;; ++p) {
-            if (*p == u'-') spec.left = true;
-            else if (*p == u'+') spec.plus = true;
-            else if (*p == u' ') spec.space = true;
-            else if (*p == u'#') spec.alt = true;
-            else if (*p == u'0') spec.zero = true;
+            if (*p == u'-') field.left = true;
+            else if (*p == u'+') field.plus = true;
+            else if (*p == u' ') field.space = true;
+            else if (*p == u'#') field.alt = true;
+            else if (*p == u'0') field.zero = true;
             else break;
         }
         if (*p == u'*') {
-            spec.width = va_arg(args, int);
-            if (spec.width < 0) {
-                spec.left = true;
-                spec.width = -spec.width;
+            field.width = va_arg(args, int);
+            if (field.width < 0) {
+                field.left = true;
+                field.width = -field.width;
             }
             ++p;
         } else {
-            while (*p >= u'0' && *p <= u'9') spec.width = (spec.width < 0 ? 0 : spec.width * 10) + (*p++ - u'0');
+            while (*p >= u'0' && *p <= u'9') field.width = (field.width < 0 ? 0 : field.width * 10) + (*p++ - u'0');
         }
         if (*p == u'.') {
             ++p;
-            spec.precision = 0;
+            field.precision = 0;
             if (*p == u'*') {
-                spec.precision = va_arg(args, int);
+                field.precision = va_arg(args, int);
                 ++p;
             } else {
-                while (*p >= u'0' && *p <= u'9') spec.precision = spec.precision * 10 + (*p++ - u'0');
+                while (*p >= u'0' && *p <= u'9') field.precision = field.precision * 10 + (*p++ - u'0');
             }
         }
         enum { Default, Short, Long, Wide64 } size = Default;
@@ -126,9 +126,9 @@ extern "C" int _vsnwprintf(WCHAR *Buffer, size_t Count, const WCHAR *Format, va_
             case u'i': {
                 int64_t v = size == Wide64 ? va_arg(args, int64_t) : int64_t(va_arg(args, int));
                 if (size == Short) v = int16_t(v);
-                std::u16string prefix = v < 0 ? u"-" : spec.plus ? u"+" : spec.space ? u" " : u"";
+                std::u16string prefix = v < 0 ? u"-" : field.plus ? u"+" : field.space ? u" " : u"";
                 const uint64_t mag = v < 0 ? uint64_t(0) - uint64_t(v) : uint64_t(v);
-                EmitNumber(out, spec, Digits(mag, 10, false), prefix);
+                EmitNumber(out, field, Digits(mag, 10, false), prefix);
                 break;
             }
             case u'u':
@@ -139,23 +139,23 @@ extern "C" int _vsnwprintf(WCHAR *Buffer, size_t Count, const WCHAR *Format, va_
                 if (size == Short) v = uint16_t(v);
                 const unsigned base = conv == u'u' ? 10 : conv == u'o' ? 8 : 16;
                 std::u16string prefix;
-                if (spec.alt && v != 0 && base == 16) prefix = conv == u'X' ? u"0X" : u"0x";
-                if (spec.alt && base == 8) prefix = u"0";
-                EmitNumber(out, spec, Digits(v, base, conv == u'X'), prefix);
+                if (field.alt && v != 0 && base == 16) prefix = conv == u'X' ? u"0X" : u"0x";
+                if (field.alt && base == 8) prefix = u"0";
+                EmitNumber(out, field, Digits(v, base, conv == u'X'), prefix);
                 break;
             }
             case u'p': {
                 const uintptr_t v = uintptr_t(va_arg(args, void *));
                 std::u16string d = Digits(v, 16, true);
                 d.insert(0, sizeof(void *) * 2 - d.size(), u'0');
-                EmitText(out, spec, d);
+                EmitText(out, field, d);
                 break;
             }
             case u'c':
             case u'C': {
                 const int v = va_arg(args, int);
                 const bool narrow = conv == u'C' ? size != Long : size == Short;
-                EmitText(out, spec,
+                EmitText(out, field,
                          std::u16string(1, narrow ? hk::detail::AnsiToUnicode(uint8_t(v)) : char16_t(v)));
                 break;
             }
@@ -173,7 +173,7 @@ extern "C" int _vsnwprintf(WCHAR *Buffer, size_t Count, const WCHAR *Format, va_
                         for (USHORT i = 0; i < a->Length && a->Buffer; ++i)
                             text += hk::detail::AnsiToUnicode(uint8_t(a->Buffer[i]));
                     }
-                    EmitText(out, spec, text);
+                    EmitText(out, field, text);
                     break;
                 }
                 const bool narrow = conv == u'S' ? size != Long : size == Short;
@@ -181,14 +181,14 @@ extern "C" int _vsnwprintf(WCHAR *Buffer, size_t Count, const WCHAR *Format, va_
                 if (narrow) {
                     const char *s = va_arg(args, const char *);
                     if (s == nullptr) s = "(null)";
-                    for (; *s != 0 && (spec.precision < 0 || text.size() < size_t(spec.precision)); ++s)
+                    for (; *s != 0 && (field.precision < 0 || text.size() < size_t(field.precision)); ++s)
                         text += hk::detail::AnsiToUnicode(uint8_t(*s));
                 } else {
                     const char16_t *s = va_arg(args, const char16_t *);
                     if (s == nullptr) s = u"(null)";
-                    for (; *s != 0 && (spec.precision < 0 || text.size() < size_t(spec.precision)); ++s) text += *s;
+                    for (; *s != 0 && (field.precision < 0 || text.size() < size_t(field.precision)); ++s) text += *s;
                 }
-                EmitText(out, spec, text);
+                EmitText(out, field, text);
                 break;
             }
             default:
