@@ -41,12 +41,14 @@ std::string Indent(const std::string &text, const std::string &pad) {
 }
 
 void PrintReadable(const json &record) {
-    std::string head = "step " + record["step"].dump();
+    std::string head =
+        "step " + (record["step"].is_string() ? record["step"].get<std::string>() : record["step"].dump());
     if (record.contains("call")) head += "  " + record["call"].get<std::string>();
     if (record.contains("action")) head += "  [" + record["action"].get<std::string>() + "]";
     if (record.contains("status"))
         head += "  -> " + record["status"].get<std::string>() + " (" + record["status_code"].get<std::string>() + ")";
     std::cout << head << "\n";
+    if (record.contains("note")) std::cout << Indent(record["note"].get<std::string>(), "    # ") << "\n";
     if (record.contains("result") && !record["result"].empty()) {
         for (auto it = record["result"].begin(); it != record["result"].end(); ++it)
             std::cout << "    " << it.key() << " = " << (it->is_string() ? it->get<std::string>() : it->dump())
@@ -140,6 +142,7 @@ int Run(const Options &options) {
             json record;
             record["step"] = number;
             record[is_call ? "call" : "action"] = name;
+            if (step["note"]) record["note"] = step["note"].as<std::string>();
             if (outcome.has_status) {
                 record["status"] = sim::StatusText(outcome.status);
                 record["status_code"] = sim::HexText(uint32_t(outcome.status));
