@@ -88,7 +88,7 @@ void Machine::Boot(const YAML::Node &block, const std::string &file) {
     }
     if (const auto files = block["files"]) {
         if (!files.IsSequence()) Fail(file, files, "files must be a list");
-        for (const auto &spec : files) WriteFile(spec, file, false);
+        for (const auto &entry : files) WriteFile(entry, file, false);
     }
 }
 
@@ -122,13 +122,13 @@ void Machine::SetRegistryValue(const std::string &key, const YAML::Node &values,
     }
 }
 
-void Machine::WriteFile(const YAML::Node &spec, const std::string &file, bool must_exist) {
-    CheckKeys(spec, {"path", "policy", "hex", "text", "copy"}, "a file", file);
-    if (!spec["path"]) Fail(file, spec, "a file needs 'path'");
-    const std::string path = spec["path"].as<std::string>();
+void Machine::WriteFile(const YAML::Node &entry, const std::string &file, bool must_exist) {
+    CheckKeys(entry, {"path", "policy", "hex", "text", "copy"}, "a file", file);
+    if (!entry["path"]) Fail(file, entry, "a file needs 'path'");
+    const std::string path = entry["path"].as<std::string>();
     std::vector<uint8_t> bytes;
     int sources = 0;
-    if (const auto policy = spec["policy"]) {
+    if (const auto policy = entry["policy"]) {
         ++sources;
         try {
             bytes = policy.IsMap() ? tpol::Compile(policy, file)
@@ -137,24 +137,24 @@ void Machine::WriteFile(const YAML::Node &spec, const std::string &file, bool mu
             Fail(file, policy, std::string("policy: ") + e.what());
         }
     }
-    if (const auto hex = spec["hex"]) {
+    if (const auto hex = entry["hex"]) {
         ++sources;
         bytes = HexBytes(hex.as<std::string>(), file, hex);
     }
-    if (const auto text = spec["text"]) {
+    if (const auto text = entry["text"]) {
         ++sources;
         const std::string t = text.as<std::string>();
         bytes.assign(t.begin(), t.end());
     }
-    if (const auto copy = spec["copy"]) {
+    if (const auto copy = entry["copy"]) {
         ++sources;
         std::ifstream in(scenario_dir_ / copy.as<std::string>(), std::ios::binary);
         if (!in) Fail(file, copy, "cannot read " + (scenario_dir_ / copy.as<std::string>()).string());
         bytes.assign(std::istreambuf_iterator<char>(in), {});
     }
-    if (sources != 1) Fail(file, spec, "a file takes exactly one of policy, hex, text, copy");
-    if (must_exist && !hk::FileExists(path)) Fail(file, spec, "replace_file: " + path + " does not exist");
-    if (!hk::WriteFile(path, std::string(bytes.begin(), bytes.end()))) Fail(file, spec, "cannot write " + path + ": not on a volume");
+    if (sources != 1) Fail(file, entry, "a file takes exactly one of policy, hex, text, copy");
+    if (must_exist && !hk::FileExists(path)) Fail(file, entry, "replace_file: " + path + " does not exist");
+    if (!hk::WriteFile(path, std::string(bytes.begin(), bytes.end()))) Fail(file, entry, "cannot write " + path + ": not on a volume");
 }
 
 PDRIVER_OBJECT Machine::Driver(const std::string &name) {

@@ -83,7 +83,7 @@ public:
     const std::filesystem::path &root() const { return root_; }
 
     // Machine contents shared by the machine block and the actions.
-    void WriteFile(const YAML::Node &spec, const std::string &file, bool must_exist);
+    void WriteFile(const YAML::Node &entry, const std::string &file, bool must_exist);
     void SetRegistryValue(const std::string &key, const YAML::Node &values, const std::string &file);
 
 private:
