@@ -10,10 +10,6 @@
 
 namespace sim {
 
-namespace {
-
-constexpr const char *kSystemVolume = "\\Device\\HarddiskVolume2";
-
 std::vector<uint8_t> HexBytes(const std::string &text, const std::string &file, const YAML::Node &node) {
     std::vector<uint8_t> out;
     int pending = -1;
@@ -33,6 +29,10 @@ std::vector<uint8_t> HexBytes(const std::string &text, const std::string &file, 
     if (pending >= 0) Fail(file, node, "hex: an odd number of digits");
     return out;
 }
+
+namespace {
+
+constexpr const char *kSystemVolume = "\\Device\\HarddiskVolume2";
 
 void CheckKeys(const YAML::Node &map, std::initializer_list<const char *> allowed, const std::string &what,
                const std::string &file) {

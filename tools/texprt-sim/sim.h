@@ -97,6 +97,9 @@ private:
 const std::map<std::string, StepHandler> &Exports();
 const std::map<std::string, StepHandler> &Actions();
 
+// Bytes from hexadecimal digits (white space ignored); an error names the step.
+std::vector<uint8_t> HexBytes(const std::string &text, const std::string &file, const YAML::Node &node);
+
 std::string StatusText(int32_t status);
 std::string HexText(uint64_t value, int width = 8);
 

@@ -33,17 +33,9 @@ json StringResult(PUNICODE_STRING s) {
 }
 
 std::vector<uint8_t> Digest(StepContext &c) {
-    const std::string text = c.Text("digest");
-    std::vector<uint8_t> out;
-    if (text.size() != 64) c.Error("digest must be 64 hexadecimal digits");
-    for (size_t i = 0; i < 64; i += 2) {
-        try {
-            out.push_back(uint8_t(std::stoul(text.substr(i, 2), nullptr, 16)));
-        } catch (...) {
-            c.Error("digest must be 64 hexadecimal digits");
-        }
-    }
-    return out;
+    const auto digest = HexBytes(c.Text("digest"), c.file, c.node);
+    if (digest.size() != 32) c.Error("digest must be 64 hexadecimal digits");
+    return digest;
 }
 
 // A query export taking no arguments and returning a byte.
@@ -183,11 +175,10 @@ std::map<std::string, StepHandler> MakeActions() {
         if (!contents) c.Error("patch_file: " + path + " does not exist");
         auto bytes = std::make_optional(std::vector<uint8_t>(contents->begin(), contents->end()));
         const uint64_t offset = c.Number("offset");
-        const std::string hex = c.Text("hex");
-        for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-            if (offset + i / 2 >= bytes->size()) c.Error("patch_file: offset past the end of the file");
-            (*bytes)[offset + i / 2] = uint8_t(std::stoul(hex.substr(i, 2), nullptr, 16));
-        }
+        const auto patch = HexBytes(c.Text("hex"), c.file, c.node);
+        if (offset > bytes->size() || patch.size() > bytes->size() - offset)
+            c.Error("patch_file: the patch runs past the end of the file");
+        std::copy(patch.begin(), patch.end(), bytes->begin() + offset);
         if (c.Flag("checksum", false)) {
             try {
                 tpol::Reseal(*bytes);
