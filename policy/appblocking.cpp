@@ -354,39 +354,38 @@ TEXPRT_EXPORT UCHAR NTAPI TcIsHBBProcessSHA256SupportEnabled() {
     return *(volatile const UCHAR *)&PolicyFlags & 1;
 }
 
+namespace {
+
+enum class FlagsWritten { InsideLock, AfterRelease };
+
+// The one swap of the store: the set pointer changes under the exclusive
+// lock, which waits for running matches; the old set is freed behind the
+// release. Where the flags change differs between an install, a removal
+// and the tear-down, and each keeps its own order.
+VOID SwapAppBlockingRuleSet(ProcessAppBlockingRuleSet *Set, ULONGLONG Flags, FlagsWritten When) {
+    KeEnterCriticalRegion();
+    ExAcquireResourceExclusiveLite(&AppBlockingRuleLock, TRUE);
+    auto *Old = (ProcessAppBlockingRuleSet *)InterlockedExchangePointer((PVOID volatile *)&AppBlockingRuleSet, Set);
+    if (When == FlagsWritten::InsideLock) ExchangePolicyFlags(Flags);
+    ExReleaseResourceLite(&AppBlockingRuleLock);
+    KeLeaveCriticalRegion();
+    if (When == FlagsWritten::AfterRelease) ExchangePolicyFlags(Flags);
+    if (Old != nullptr) FreeAppBlockingRuleSet(Old);
+}
+
+}  // namespace
+
 NTSTATUS InstallAppBlockingRuleSet(ULONGLONG Flags, ProcessAppBlockingRuleSet *Set) {
     if (Set == nullptr) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    KeEnterCriticalRegion();
-    ExAcquireResourceExclusiveLite(&AppBlockingRuleLock, TRUE);
-    auto *Old = (ProcessAppBlockingRuleSet *)InterlockedExchangePointer((PVOID volatile *)&AppBlockingRuleSet, Set);
-    ExchangePolicyFlags(Flags);
-    ExReleaseResourceLite(&AppBlockingRuleLock);
-    KeLeaveCriticalRegion();
-    if (Old != nullptr) FreeAppBlockingRuleSet(Old);
+    SwapAppBlockingRuleSet(Set, Flags, FlagsWritten::InsideLock);
     return STATUS_SUCCESS;
 }
 
-VOID RemoveAppBlockingRuleSet() {
-    KeEnterCriticalRegion();
-    ExAcquireResourceExclusiveLite(&AppBlockingRuleLock, TRUE);
-    auto *Old = (ProcessAppBlockingRuleSet *)InterlockedExchangePointer((PVOID volatile *)&AppBlockingRuleSet, nullptr);
-    ExReleaseResourceLite(&AppBlockingRuleLock);
-    KeLeaveCriticalRegion();
-    // The flags follow the set out after the release, so the SHA-256 query
-    // may answer yes for a moment with no set present.
-    ExchangePolicyFlags(0);
-    if (Old != nullptr) FreeAppBlockingRuleSet(Old);
-}
+// The flags follow the set out after the release, so the SHA-256 query may
+// answer yes for a moment with no set present.
+VOID RemoveAppBlockingRuleSet() { SwapAppBlockingRuleSet(nullptr, 0, FlagsWritten::AfterRelease); }
 
-VOID ClearAppBlockingRuleSet() {
-    KeEnterCriticalRegion();
-    ExAcquireResourceExclusiveLite(&AppBlockingRuleLock, TRUE);
-    auto *Old = (ProcessAppBlockingRuleSet *)InterlockedExchangePointer((PVOID volatile *)&AppBlockingRuleSet, nullptr);
-    ExchangePolicyFlags(0);
-    ExReleaseResourceLite(&AppBlockingRuleLock);
-    KeLeaveCriticalRegion();
-    if (Old != nullptr) FreeAppBlockingRuleSet(Old);
-}
+VOID ClearAppBlockingRuleSet() { SwapAppBlockingRuleSet(nullptr, 0, FlagsWritten::InsideLock); }
