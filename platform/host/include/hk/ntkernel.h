@@ -214,6 +214,20 @@ extern "C" int _vsnwprintf(WCHAR *Buffer, size_t Count, const WCHAR *Format, va_
 #define RtlFillMemory(D, L, F) __builtin_memset((D), (F), (L))
 #define RtlEqualMemory(A, B, L) (__builtin_memcmp((A), (B), (L)) == 0)
 
+// ---------------------------------------------------------------- file system run-time library
+
+// The DOS wildcards that Win32 writes into the patterns it hands down, next
+// to * and ?.
+#define DOS_STAR (u'<')
+#define DOS_QM (u'>')
+#define DOS_DOT (u'"')
+
+NTKERNELAPI VOID NTAPI FsRtlDissectName(UNICODE_STRING Path, PUNICODE_STRING FirstName,
+                                        PUNICODE_STRING RemainingName);
+NTKERNELAPI BOOLEAN NTAPI FsRtlDoesNameContainWildCards(PUNICODE_STRING Name);
+NTKERNELAPI BOOLEAN NTAPI FsRtlIsNameInExpression(PUNICODE_STRING Expression, PUNICODE_STRING Name,
+                                                  BOOLEAN IgnoreCase, PWCH UpcaseTable);
+
 // ---------------------------------------------------------------- pool
 
 typedef enum _POOL_TYPE {
