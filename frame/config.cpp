@@ -123,6 +123,7 @@ NTSTATUS LoadConfigurationAndPolicies() {
     TcUpdateMaxCacheSize();
     // A policy that cannot be read does not stop the library: the update
     // reports it, and the library starts without that policy.
+    TcUpdateEDRPolicies();
     TcUpdateAppBlockingPolicy();
     ReadHbbCacheSize();
     return STATUS_SUCCESS;

@@ -12,7 +12,9 @@
 
 namespace {
 
-UCHAR CaptureBit(ULONG Bit) { return (CaptureMask & Bit) ? 1 : 0; }
+UCHAR CaptureBit(ULONG Bit) { return (PlatformReadWord((volatile ULONG *)&CaptureMask) & Bit) ? 1 : 0; }
+
+ULONG Mask(volatile ULONG *Word) { return PlatformReadWord(Word); }
 
 }  // namespace
 
@@ -25,17 +27,17 @@ TEXPRT_EXPORT UCHAR NTAPI TcIsNetworkCaptureEnabled() { return CaptureBit(Captur
 
 // The protection queries answer the masked bit as it stands; callers test
 // for non-zero.
-TEXPRT_EXPORT UCHAR NTAPI TcIsDirectoryProtectionEnabled() { return (UCHAR)(ProtectionMask & ProtectDirectory); }
-TEXPRT_EXPORT UCHAR NTAPI TcIsRegistryProtectionEnabled() { return (UCHAR)(ProtectionMask & ProtectRegistry); }
-TEXPRT_EXPORT UCHAR NTAPI TcIsProcessProtectionEnabled() { return (UCHAR)(ProtectionMask & ProtectProcess); }
-TEXPRT_EXPORT UCHAR NTAPI TcIsDriverProtectionEnabled() { return (UCHAR)(ProtectionMask & ProtectDriver); }
+TEXPRT_EXPORT UCHAR NTAPI TcIsDirectoryProtectionEnabled() { return (UCHAR)(Mask(&ProtectionMask) & ProtectDirectory); }
+TEXPRT_EXPORT UCHAR NTAPI TcIsRegistryProtectionEnabled() { return (UCHAR)(Mask(&ProtectionMask) & ProtectRegistry); }
+TEXPRT_EXPORT UCHAR NTAPI TcIsProcessProtectionEnabled() { return (UCHAR)(Mask(&ProtectionMask) & ProtectProcess); }
+TEXPRT_EXPORT UCHAR NTAPI TcIsDriverProtectionEnabled() { return (UCHAR)(Mask(&ProtectionMask) & ProtectDriver); }
 
 // The notify queries look at the low eight bits of their mask only, whatever
 // width the rules' operation bits have.
-TEXPRT_EXPORT UCHAR NTAPI TcIsRegKeyNotify(UCHAR Operation) { return (UCHAR)RegKeyNotifyMask & Operation; }
-TEXPRT_EXPORT UCHAR NTAPI TcIsRegValNotify(UCHAR Operation) { return (UCHAR)RegValNotifyMask & Operation; }
-TEXPRT_EXPORT UCHAR NTAPI TcIsDiskRuleNotify(UCHAR Operation) { return (UCHAR)DiskNotifyMask & Operation; }
-TEXPRT_EXPORT UCHAR NTAPI TcIsNetworkRuleNotify(UCHAR Operation) { return (UCHAR)NetworkNotifyMask & Operation; }
+TEXPRT_EXPORT UCHAR NTAPI TcIsRegKeyNotify(UCHAR Operation) { return (UCHAR)Mask(&RegKeyNotifyMask) & Operation; }
+TEXPRT_EXPORT UCHAR NTAPI TcIsRegValNotify(UCHAR Operation) { return (UCHAR)Mask(&RegValNotifyMask) & Operation; }
+TEXPRT_EXPORT UCHAR NTAPI TcIsDiskRuleNotify(UCHAR Operation) { return (UCHAR)Mask(&DiskNotifyMask) & Operation; }
+TEXPRT_EXPORT UCHAR NTAPI TcIsNetworkRuleNotify(UCHAR Operation) { return (UCHAR)Mask(&NetworkNotifyMask) & Operation; }
 
 TEXPRT_EXPORT BOOLEAN NTAPI TcIsPerformanceFlagSet() { return PerfCountersEnabled; }
 

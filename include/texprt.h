@@ -102,7 +102,11 @@ TEXPRT_API NTSTATUS NTAPI TcUpdateMaxCacheSize(VOID);
 
 /* Re-read a policy whose file path stands under Parameters. A missing value
  * or file revokes the policy and returns STATUS_OBJECT_NAME_NOT_FOUND; a bad
- * file leaves the running policy in force. */
+ * file leaves the running policy in force. A monitor policy whose file
+ * name is the one loaded last is not read again: the agent gives a new
+ * policy a new name. */
+TEXPRT_API NTSTATUS NTAPI TcUpdateEDRPolicies(VOID);
+TEXPRT_API VOID NTAPI TcRevokeEDRPolicies(VOID);
 TEXPRT_API NTSTATUS NTAPI TcUpdateAppBlockingPolicy(VOID);
 TEXPRT_API VOID NTAPI TcRevokeAppBlockingPolicy(VOID);
 

@@ -49,3 +49,21 @@ static inline SIZE_T PlatformWcslen(const WCHAR *Text) {
 }
 
 #define ARRAYSIZE_OF(Array) (sizeof(Array) / sizeof((Array)[0]))
+
+// Lock-free reads and writes of one aligned word (the policy masks): plain
+// accesses in the kernel image, where they are single instructions; marked
+// atomic on the host so that ThreadSanitizer knows the race is meant.
+static inline ULONG PlatformReadWord(const volatile ULONG *Word) {
+#if defined(_WIN32)
+    return *Word;
+#else
+    return __atomic_load_n(Word, __ATOMIC_RELAXED);
+#endif
+}
+static inline VOID PlatformWriteWord(volatile ULONG *Word, ULONG Value) {
+#if defined(_WIN32)
+    *Word = Value;
+#else
+    __atomic_store_n(Word, Value, __ATOMIC_RELAXED);
+#endif
+}

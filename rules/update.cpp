@@ -7,6 +7,7 @@
 #include "frame/helpers.h"
 #include "include/texprt.h"
 #include "policy/appblocking.h"
+#include "rules/store.h"
 
 PUNICODE_STRING LastEdrPolicyName;
 PUNICODE_STRING LastProtectionPolicyName;
@@ -23,6 +24,18 @@ struct PolicyUpdateKind {
     BOOLEAN RememberAsEdr;
     VOID (*Revoke)();
     VOID (*ReportFailure)(NTSTATUS Status);
+};
+
+VOID RevokeEdr() {
+    RemoveMonitorRuleSets();
+    ReportEvent(MsgProductPolicyRevoked);
+}
+
+// The whitelist flags of running processes are refreshed after a monitor
+// install once the process table exists; until then there is nothing to do.
+const PolicyUpdateKind EdrUpdate = {
+    WIDE("PolicyFilePath"), &LastEdrPolicyName, UpdateMonitorRuleSets, nullptr, TRUE, RevokeEdr,
+    ReportPolicyReadFailure,
 };
 
 VOID RevokeAppBlocking() {
@@ -194,9 +207,14 @@ VOID FreeRememberedPolicyNames() {
 }
 
 NTSTATUS ClearAllRuleSets() {
+    ClearMonitorRuleSets();
     ClearAppBlockingRuleSet();
     return STATUS_SUCCESS;
 }
+
+TEXPRT_EXPORT NTSTATUS NTAPI TcUpdateEDRPolicies() { return UpdatePolicy(EdrUpdate); }
+
+TEXPRT_EXPORT VOID NTAPI TcRevokeEDRPolicies() { RevokeEdr(); }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcUpdateAppBlockingPolicy() { return UpdatePolicy(AppBlockingUpdate); }
 

@@ -93,8 +93,9 @@ TEST_F(LifecycleTest, BothMonitorsStartAndStop) {
 
     std::vector<std::string> texts;
     for (auto &e : hk::EventLog()) texts.push_back(e.source + ": " + e.text);
-    // No app-blocking path is configured: phase 0 finds the policy withdrawn.
+    // No policy path is configured: phase 0 finds both policies withdrawn.
     EXPECT_EQ(texts, (std::vector<std::string>{
+                         "tmon: Tolvex Agent product policy is revoked.\r\n",
                          "tmon: Tolvex Agent successfully revoked hash based application blocking policy.\r\n",
                          "tmon: Tolvex Agent System Monitor is starting (version 5.2.1.17).\r\n",
                          "tnmon: Tolvex Agent Network Monitor is starting (version 3.0.4).\r\n",

@@ -1,0 +1,518 @@
+// Filter records of the monitor policy: the five list kinds that narrow a
+// rule (patterns, actor processes, actor usernames, arguments, parent
+// processes), their compile into upper-cased text and flag bits, and the
+// release of a filter. Everything that can be settled once per pattern is
+// settled here, so that a match finds its text and flags ready.
+#include "policy/monitor.h"
+
+#include "diagnostics/eventlog.h"
+#include "diagnostics/trace.h"
+#include "frame/helpers.h"
+
+namespace {
+
+constexpr ULONG FilterPatternMagic = 0x46504801;
+constexpr ULONG ActorProcessFilterMagic = 0x46415001;
+constexpr ULONG ActorUsernameFilterMagic = 0x46415501;
+constexpr ULONG ArgumentFilterMagic = 0x46414801;
+constexpr ULONG ParentProcessFilterMagic = 0x46505001;
+constexpr ULONG FilterRecordVersion = 1;
+constexpr ULONG TextRecordHeaderSize = 12;  // magic and string header
+constexpr ULONG UsernameRecordSize = 8;
+
+// Appends one element to an exact-sized array: a new array of Count + 1,
+// the old elements copied across, the new last one filled by Fill. If Fill
+// fails the new array goes and the list stands as it was.
+template <typename Element, typename FillRoutine>
+NTSTATUS AppendElement(Element **Array, ULONG *Count, FillRoutine Fill) {
+    const ULONGLONG Bytes = ((ULONGLONG)*Count + 1) * sizeof(Element);
+    Element *Grown = Bytes <= 0xFFFFFFFFu ? (Element *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagFilter) : nullptr;
+    if (Grown == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
+    RtlZeroMemory(Grown, (SIZE_T)Bytes);
+    if (*Count != 0) RtlCopyMemory(Grown, *Array, (SIZE_T)*Count * sizeof(Element));
+    const NTSTATUS Status = Fill(&Grown[*Count]);
+    if (!NT_SUCCESS(Status)) {
+        PoolFree(Grown);
+        return Status;
+    }
+    PoolFree(*Array);
+    *Array = Grown;
+    *Count += 1;
+    return STATUS_SUCCESS;
+}
+
+template <typename Element>
+VOID FreeTextElements(Element **Array, ULONG *Count) {
+    if (*Array != nullptr) {
+        for (ULONG Index = 0; Index < *Count; ++Index) {
+            FreeUnicodeString(&(*Array)[Index].Text);
+            RtlZeroMemory(&(*Array)[Index], sizeof(Element));
+        }
+        PoolFree(*Array);
+        *Array = nullptr;
+    }
+    *Count = 0;
+}
+
+template <typename Element>
+VOID FreePlainElements(Element **Array, ULONG *Count) {
+    PoolFree(*Array);
+    *Array = nullptr;
+    *Count = 0;
+}
+
+// Backslashes in the file's text, after passing over one leading backslash.
+ULONG CountSeparators(PCUNICODE_STRING Source) {
+    const WCHAR *Text = Source->Buffer;
+    if (*Text == '\\') ++Text;
+    ULONG Count = 0;
+    while ((Text = PlatformWcschr(Text, '\\')) != nullptr) {
+        ++Count;
+        ++Text;
+    }
+    return Count;
+}
+
+BOOLEAN HasWildcards(PCUNICODE_STRING Source) {
+    UNICODE_STRING Name = *Source;
+    return FsRtlDoesNameContainWildCards(&Name);
+}
+
+// Flags of the kinds compared by whole text or final name.
+ULONG TextFlags(PCUNICODE_STRING Stored, PCUNICODE_STRING Source) {
+    ULONG Flags = 0;
+    if (PlatformWcschr(Stored->Buffer, '\\') != nullptr) Flags |= PatternHasBackslash;
+    if (HasWildcards(Source)) Flags |= PatternWildcards;
+    return Flags;
+}
+
+// What every text list shares: walk Count records of one magic, hand each
+// string to Add, and count the bytes. Any failure releases the filter.
+template <typename AddRoutine, typename ReleaseRoutine>
+NTSTATUS LoadTextRecords(PUCHAR Records, ULONG Count, ULONG Available, ULONG Magic, PCWSTR Label,
+                         ULONG *SizeOut, AddRoutine Add, ReleaseRoutine Release) {
+    ULONG Offset = 0;
+    NTSTATUS Status = STATUS_SUCCESS;
+    for (ULONG Index = 0; Index < Count; ++Index) {
+        if (!PolicyFits(Offset, TextRecordHeaderSize, Available)) {
+            Status = STATUS_DATA_ERROR;
+            break;
+        }
+        PUCHAR Record = Records + Offset;
+        const ULONG Found = PolicyUlong(Record);
+        if (Found != Magic) {
+            ReportPolicyRecordMismatch(Label, Found, FilterRecordVersion);
+            Status = STATUS_INVALID_PARAMETER;
+            break;
+        }
+        UNICODE_STRING Text;
+        Status = ReadPolicyString(Record + 4, Record + TextRecordHeaderSize,
+                                  Available - Offset - TextRecordHeaderSize, TRUE, &Text);
+        if (!NT_SUCCESS(Status)) break;
+        Status = Add(&Text);
+        if (!NT_SUCCESS(Status)) break;
+        Offset += TextRecordHeaderSize + Text.MaximumLength;
+        *SizeOut = Offset;
+    }
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        Release();
+    }
+    return Status;
+}
+
+}  // namespace
+
+VOID ReportPolicyRecordMismatch(PCWSTR Label, ULONG Found, ULONG Expected) {
+    ReportPolicyVersionMismatch(Label, (USHORT)(Found & 0xFF), (USHORT)Expected);
+}
+
+NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLEAN Terminated,
+                          PUNICODE_STRING View) {
+    const USHORT Length = PolicyUshort(Header);
+    const USHORT MaximumLength = PolicyUshort(Header + 2);
+    if (Length > MaximumLength || (Length & 1) != 0 || (MaximumLength & 1) != 0 || MaximumLength > TextAvailable ||
+        ((ULONG_PTR)Text & 1) != 0)
+        return STATUS_DATA_ERROR;
+    const WCHAR *Characters = (const WCHAR *)Text;
+    if (Terminated) {
+        ULONG Index = 0;
+        while (Index < MaximumLength / sizeof(WCHAR) && Characters[Index] != 0) ++Index;
+        if (Index == MaximumLength / sizeof(WCHAR)) return STATUS_DATA_ERROR;
+    }
+    // The slot takes the text's address; only its low 32 bits fit on a
+    // 64-bit machine, and nothing reads it back.
+    const ULONG Reference = (ULONG)(ULONG_PTR)Text;
+    RtlCopyMemory(Header + 4, &Reference, sizeof(Reference));
+    View->Length = Length;
+    View->MaximumLength = MaximumLength;
+    View->Buffer = (PWCH)Text;
+    return STATUS_SUCCESS;
+}
+
+TimeOfDay DecodeTimeOfDay(ULONGLONG Word) {
+    // No range check: the bytes are taken as they stand.
+    TimeOfDay Time;
+    Time.Second = (USHORT)(Word & 0xFF);
+    Time.Minute = (USHORT)((Word >> 8) & 0xFF);
+    Time.Hour = (USHORT)((Word >> 16) & 0xFF);
+    return Time;
+}
+
+NTSTATUS CompilePolicyText(PUNICODE_STRING Destination, PCUNICODE_STRING Source) {
+    RtlZeroMemory(Destination, sizeof(*Destination));
+    UNICODE_STRING Copy;
+    Copy.Length = Source->Length;
+    // 16-bit arithmetic: a Length of 0xFFFE wraps to 0, and the pool gives
+    // nothing for nothing.
+    Copy.MaximumLength = (USHORT)(Source->Length + sizeof(WCHAR));
+    Copy.Buffer = (PWCH)PoolAlloc(DefaultPool, Copy.MaximumLength, TagFilter);
+    if (Copy.Buffer == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
+    Copy.Buffer[Copy.Length / sizeof(WCHAR)] = 0;
+    const NTSTATUS Status = RtlUpcaseUnicodeString(&Copy, Source, FALSE);
+    if (!NT_SUCCESS(Status)) {
+        PoolFree(Copy.Buffer);
+        return Status;
+    }
+    *Destination = Copy;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CompileFilterPattern(FilterPatternElement *Element, PCUNICODE_STRING Source) {
+    NTSTATUS Status = CompilePolicyText(&Element->Text, Source);
+    if (!NT_SUCCESS(Status)) return Status;
+    Element->PatternFlags = 0;
+    Element->SeparatorCount = CountSeparators(Source);
+    // Wildcards are looked for one component at a time, from the start.
+    UNICODE_STRING Remaining = *Source;
+    while (Remaining.Length != 0) {
+        UNICODE_STRING First, Rest;
+        FsRtlDissectName(Remaining, &First, &Rest);
+        if (FsRtlDoesNameContainWildCards(&First)) {
+            Element->PatternFlags |= PatternWildcards;
+            break;
+        }
+        Remaining = Rest;
+    }
+    PUNICODE_STRING Text = &Element->Text;
+    if (Text->Length != 0 && Text->Buffer[0] == '\\') {
+        // A rooted pattern is stored without its backslash; the flag says
+        // it was there.
+        RtlMoveMemory(Text->Buffer, Text->Buffer + 1, Text->MaximumLength - sizeof(WCHAR));
+        Text->Length -= sizeof(WCHAR);
+        Text->MaximumLength -= sizeof(WCHAR);
+        Element->PatternFlags |= PatternRooted;
+    } else {
+        UNICODE_STRING First, Rest;
+        FsRtlDissectName(*Source, &First, &Rest);
+        if (Rest.Length != 0) Element->PatternFlags |= PatternRelativePath;
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CompileActorProcessFilter(ActorProcessElement *Element, PCUNICODE_STRING Source) {
+    const NTSTATUS Status = CompilePolicyText(&Element->Text, Source);
+    if (!NT_SUCCESS(Status)) return Status;
+    Element->SeparatorCount = CountSeparators(Source);
+    Element->PatternFlags = TextFlags(&Element->Text, Source);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CompileArgumentFilter(TextFilterElement *Element, PCUNICODE_STRING Source) {
+    const NTSTATUS Status = CompilePolicyText(&Element->Text, Source);
+    if (!NT_SUCCESS(Status)) return Status;
+    Element->PatternFlags = TextFlags(&Element->Text, Source);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CompileParentProcessFilter(TextFilterElement *Element, PCUNICODE_STRING Source) {
+    return CompileArgumentFilter(Element, Source);
+}
+
+NTSTATUS CompileNetworkAddressFilter(TextFilterElement *Element, PCUNICODE_STRING Source) {
+    const NTSTATUS Status = CompilePolicyText(&Element->Text, Source);
+    if (!NT_SUCCESS(Status)) return Status;
+    // An address never compares by final name: only the wildcard bit.
+    Element->PatternFlags = HasWildcards(Source) ? PatternWildcards : 0;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS InitRuleFilter(RuleFilter *Filter, ULONG Conditions, ULONG ObjectKind) {
+    if (Filter == nullptr || (Conditions & 0xFFFF) == 0) return STATUS_INVALID_PARAMETER;
+    RtlZeroMemory(Filter, sizeof(*Filter));
+    Filter->Conditions = Conditions;
+    Filter->ObjectKind = ObjectKind;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS InitFileRuleFilter(RuleFilter *Filter, ULONG Conditions, ULONG ObjectKind) {
+    // An object-kind condition must name a kind.
+    if ((Conditions & ConditionObjectKind) != 0 && (ObjectKind & 0xFF) == 0) return STATUS_INVALID_PARAMETER;
+    return InitRuleFilter(Filter, Conditions, ObjectKind);
+}
+
+NTSTATUS InitProcessRuleFilter(RuleFilter *Filter, ULONG Conditions) {
+    if (Filter == nullptr) return STATUS_INVALID_PARAMETER;
+    RtlZeroMemory(Filter, sizeof(*Filter));
+    Filter->Conditions = Conditions;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS InitNetworkRuleFilter(NetworkRuleFilter *Filter, ULONG Conditions, ULONG ObjectKind) {
+    if (Filter == nullptr || (Conditions & 0xFFFF) == 0) return STATUS_INVALID_PARAMETER;
+    RtlZeroMemory(Filter, sizeof(*Filter));
+    Filter->Conditions = Conditions;
+    Filter->ObjectKind = ObjectKind;
+    return STATUS_SUCCESS;
+}
+
+VOID FreeNetworkRuleFilter(NetworkRuleFilter *Filter) {
+    if (Filter == nullptr) return;
+    FreeTextElements(&Filter->ActorProcesses, &Filter->ActorProcessCount);
+    FreePlainElements(&Filter->ActorUsernames, &Filter->ActorUsernameCount);
+    FreeTextElements(&Filter->Addresses[0], &Filter->AddressCount[0]);
+    FreePlainElements(&Filter->Ports0, &Filter->PortCount0);
+    FreePlainElements(&Filter->PortRanges0, &Filter->PortRangeCount0);
+    FreeTextElements(&Filter->Addresses[1], &Filter->AddressCount[1]);
+    FreePlainElements(&Filter->Ports1, &Filter->PortCount1);
+    FreePlainElements(&Filter->PortRanges1, &Filter->PortRangeCount1);
+    RtlZeroMemory(Filter, sizeof(*Filter));
+}
+
+VOID FreeRuleFilter(PVOID Filter, ULONG Category) {
+    if (Filter == nullptr) return;
+    if (Category == CategoryNetwork) {
+        FreeNetworkRuleFilter((NetworkRuleFilter *)Filter);
+        return;
+    }
+    auto *Generic = (RuleFilter *)Filter;
+    FreeTextElements(&Generic->FilterPatterns, &Generic->FilterPatternCount);
+    FreeTextElements(&Generic->ActorProcesses, &Generic->ActorProcessCount);
+    FreePlainElements(&Generic->ActorUsernames, &Generic->ActorUsernameCount);
+    FreeTextElements(&Generic->Arguments, &Generic->ArgumentCount);
+    FreeTextElements(&Generic->ParentProcesses, &Generic->ParentProcessCount);
+    RtlZeroMemory(Generic, sizeof(*Generic));
+}
+
+NTSTATUS LoadFilterPatterns(RuleFilter *Filter, PUCHAR Records, ULONG Count, ULONG Available, ULONG *SizeOut) {
+    // The one list that releases nothing on a bad call, and takes an empty
+    // list as a success.
+    if (Filter == nullptr || Records == nullptr || SizeOut == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    *SizeOut = 0;
+    if (Count == 0) return STATUS_SUCCESS;
+    return LoadTextRecords(
+        Records, Count, Available, FilterPatternMagic, WIDE("Filter Pattern Header"), SizeOut,
+        [Filter](PCUNICODE_STRING Text) {
+            return AppendElement(&Filter->FilterPatterns, &Filter->FilterPatternCount,
+                                 [Text](FilterPatternElement *Element) { return CompileFilterPattern(Element, Text); });
+        },
+        [Filter] { FreeRuleFilter(Filter, CategoryFile); });
+}
+
+NTSTATUS LoadActorProcessFilters(PVOID Filter, ULONG Category, PUCHAR Records, ULONG Count, ULONG Available,
+                                 ULONG *SizeOut) {
+    auto Release = [Filter, Category] { FreeRuleFilter(Filter, Category); };
+    if (Filter == nullptr || Records == nullptr || Count == 0 || SizeOut == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        Release();
+        return STATUS_INVALID_PARAMETER;
+    }
+    *SizeOut = 0;
+    ActorProcessElement **Array;
+    ULONG *Counter;
+    if (Category == CategoryNetwork) {
+        Array = &((NetworkRuleFilter *)Filter)->ActorProcesses;
+        Counter = &((NetworkRuleFilter *)Filter)->ActorProcessCount;
+    } else {
+        Array = &((RuleFilter *)Filter)->ActorProcesses;
+        Counter = &((RuleFilter *)Filter)->ActorProcessCount;
+    }
+    return LoadTextRecords(
+        Records, Count, Available, ActorProcessFilterMagic, WIDE("Actor Process Filter Header"), SizeOut,
+        [Array, Counter](PCUNICODE_STRING Text) {
+            return AppendElement(Array, Counter,
+                                 [Text](ActorProcessElement *Element) { return CompileActorProcessFilter(Element, Text); });
+        },
+        Release);
+}
+
+NTSTATUS LoadActorUsernameFilters(PVOID Filter, ULONG Category, PUCHAR Records, ULONG Count, ULONG Available,
+                                  ULONG *SizeOut) {
+    if (Filter == nullptr || Records == nullptr || Count == 0 || SizeOut == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        FreeRuleFilter(Filter, Category);
+        return STATUS_INVALID_PARAMETER;
+    }
+    *SizeOut = 0;
+    UCHAR **Array;
+    ULONG *Counter;
+    if (Category == CategoryNetwork) {
+        Array = &((NetworkRuleFilter *)Filter)->ActorUsernames;
+        Counter = &((NetworkRuleFilter *)Filter)->ActorUsernameCount;
+    } else {
+        Array = &((RuleFilter *)Filter)->ActorUsernames;
+        Counter = &((RuleFilter *)Filter)->ActorUsernameCount;
+    }
+    NTSTATUS Status = STATUS_SUCCESS;
+    for (ULONG Index = 0; Index < Count; ++Index) {
+        const ULONG Offset = Index * UsernameRecordSize;
+        if (!PolicyFits(Offset, UsernameRecordSize, Available)) {
+            Status = STATUS_DATA_ERROR;
+            break;
+        }
+        const ULONG Found = PolicyUlong(Records + Offset);
+        if (Found != ActorUsernameFilterMagic) {
+            ReportPolicyRecordMismatch(WIDE("Actor Username Filter Header"), Found, FilterRecordVersion);
+            Status = STATUS_INVALID_PARAMETER;
+            break;
+        }
+        // Only the low byte of the value is kept.
+        const UCHAR Value = (UCHAR)PolicyUlong(Records + Offset + 4);
+        Status = AppendElement(Array, Counter, [Value](UCHAR *Element) {
+            *Element = Value;
+            return STATUS_SUCCESS;
+        });
+        if (!NT_SUCCESS(Status)) break;
+        *SizeOut = Offset + UsernameRecordSize;
+    }
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        FreeRuleFilter(Filter, Category);
+    }
+    return Status;
+}
+
+namespace {
+
+// Arguments and parent processes belong to whitelist filters alone, and
+// release as one.
+NTSTATUS LoadWhiteListTextFilters(RuleFilter *Filter, PUCHAR Records, ULONG Count, ULONG Available,
+                                  ULONG *SizeOut, ULONG Magic, PCWSTR Label, TextFilterElement **Array,
+                                  ULONG *Counter) {
+    if (Filter == nullptr || Records == nullptr || Count == 0 || SizeOut == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        FreeRuleFilter(Filter, CategoryWhiteList);
+        return STATUS_INVALID_PARAMETER;
+    }
+    *SizeOut = 0;
+    return LoadTextRecords(
+        Records, Count, Available, Magic, Label, SizeOut,
+        [Array, Counter](PCUNICODE_STRING Text) {
+            return AppendElement(Array, Counter,
+                                 [Text](TextFilterElement *Element) { return CompileArgumentFilter(Element, Text); });
+        },
+        [Filter] { FreeRuleFilter(Filter, CategoryWhiteList); });
+}
+
+}  // namespace
+
+NTSTATUS LoadArgumentFilters(RuleFilter *Filter, PUCHAR Records, ULONG Count, ULONG Available, ULONG *SizeOut) {
+    return LoadWhiteListTextFilters(Filter, Records, Count, Available, SizeOut, ArgumentFilterMagic,
+                                    WIDE("Argument Filter Header"), Filter ? &Filter->Arguments : nullptr,
+                                    Filter ? &Filter->ArgumentCount : nullptr);
+}
+
+NTSTATUS LoadParentProcessFilters(RuleFilter *Filter, PUCHAR Records, ULONG Count, ULONG Available,
+                                  ULONG *SizeOut) {
+    return LoadWhiteListTextFilters(Filter, Records, Count, Available, SizeOut, ParentProcessFilterMagic,
+                                    WIDE("Parent Process Filter Header"), Filter ? &Filter->ParentProcesses : nullptr,
+                                    Filter ? &Filter->ParentProcessCount : nullptr);
+}
+
+// ---------------------------------------------------------------- network lists
+
+namespace {
+
+constexpr ULONG NetworkAddressFilterMagic = 0x46786501;
+constexpr ULONG NetworkPortNumberFilterMagic = 0x46787801;
+constexpr ULONG NetworkPortRangeFilterMagic = 0x46788201;
+constexpr ULONG NetworkNumberRecordSize = 8;
+
+// Ports and ranges: fixed 8-byte records, stored as bare 16-bit arrays so
+// that a match is a linear scan.
+template <typename Element, typename DecodeRoutine>
+NTSTATUS LoadNumberRecords(NetworkRuleFilter *Filter, PUCHAR Records, ULONG Count, ULONG Available,
+                           ULONG *SizeOut, ULONG Magic, PCWSTR Label, Element **Array, ULONG *Counter,
+                           DecodeRoutine Decode) {
+    NTSTATUS Status = STATUS_SUCCESS;
+    for (ULONG Index = 0; Index < Count; ++Index) {
+        const ULONG Offset = Index * NetworkNumberRecordSize;
+        if (!PolicyFits(Offset, NetworkNumberRecordSize, Available)) {
+            Status = STATUS_DATA_ERROR;
+            break;
+        }
+        const ULONG Found = PolicyUlong(Records + Offset);
+        if (Found != Magic) {
+            ReportPolicyRecordMismatch(Label, Found, FilterRecordVersion);
+            Status = STATUS_INVALID_PARAMETER;
+            break;
+        }
+        const PUCHAR Value = Records + Offset + 4;
+        Status = AppendElement(Array, Counter, [Value, Decode](Element *Slot) {
+            *Slot = Decode(Value);
+            return STATUS_SUCCESS;
+        });
+        if (!NT_SUCCESS(Status)) break;
+        *SizeOut = Offset + NetworkNumberRecordSize;
+    }
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        FreeNetworkRuleFilter(Filter);
+    }
+    return Status;
+}
+
+BOOLEAN NetworkListArgumentsValid(NetworkRuleFilter *Filter, PUCHAR Records, ULONG Group, ULONG Count,
+                                  ULONG *SizeOut) {
+    if (Filter == nullptr || Records == nullptr || Group > 1 || Count == 0 || SizeOut == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        FreeNetworkRuleFilter(Filter);
+        return FALSE;
+    }
+    *SizeOut = 0;
+    return TRUE;
+}
+
+}  // namespace
+
+NTSTATUS LoadNetworkAddressFilters(NetworkRuleFilter *Filter, PUCHAR Records, ULONG Group, ULONG Count,
+                                   ULONG Available, ULONG *SizeOut) {
+    if (!NetworkListArgumentsValid(Filter, Records, Group, Count, SizeOut)) return STATUS_INVALID_PARAMETER;
+    TextFilterElement **Array = &Filter->Addresses[Group];
+    ULONG *Counter = &Filter->AddressCount[Group];
+    return LoadTextRecords(
+        Records, Count, Available, NetworkAddressFilterMagic, WIDE("Network Address Filter Header"), SizeOut,
+        [Array, Counter](PCUNICODE_STRING Text) {
+            return AppendElement(Array, Counter,
+                                 [Text](TextFilterElement *Element) { return CompileNetworkAddressFilter(Element, Text); });
+        },
+        [Filter] { FreeNetworkRuleFilter(Filter); });
+}
+
+NTSTATUS LoadNetworkPortNumberFilters(NetworkRuleFilter *Filter, PUCHAR Records, ULONG Group, ULONG Count,
+                                      ULONG Available, ULONG *SizeOut) {
+    if (!NetworkListArgumentsValid(Filter, Records, Group, Count, SizeOut)) return STATUS_INVALID_PARAMETER;
+    // A port word keeps its low 16 bits.
+    return LoadNumberRecords(Filter, Records, Count, Available, SizeOut, NetworkPortNumberFilterMagic,
+                             WIDE("Network Port Number Filter Header"), Group == 0 ? &Filter->Ports0 : &Filter->Ports1,
+                             Group == 0 ? &Filter->PortCount0 : &Filter->PortCount1,
+                             [](const UCHAR *Value) { return (USHORT)PolicyUlong(Value); });
+}
+
+NTSTATUS LoadNetworkPortRangeFilters(NetworkRuleFilter *Filter, PUCHAR Records, ULONG Group, ULONG Count,
+                                     ULONG Available, ULONG *SizeOut) {
+    if (!NetworkListArgumentsValid(Filter, Records, Group, Count, SizeOut)) return STATUS_INVALID_PARAMETER;
+    // A range is stored as it stands, even with its ends reversed.
+    return LoadNumberRecords(Filter, Records, Count, Available, SizeOut, NetworkPortRangeFilterMagic,
+                             WIDE("Network Port Range Filter Header"),
+                             Group == 0 ? &Filter->PortRanges0 : &Filter->PortRanges1,
+                             Group == 0 ? &Filter->PortRangeCount0 : &Filter->PortRangeCount1, [](const UCHAR *Value) {
+                                 PortRange Range;
+                                 Range.Low = PolicyUshort(Value);
+                                 Range.High = PolicyUshort(Value + 2);
+                                 return Range;
+                             });
+}

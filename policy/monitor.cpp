@@ -1,0 +1,346 @@
+// The monitor policy container: reading the file, the walks over its one
+// run of records that build two families of rule sets and the whitelist
+// set, the rule contexts, and the sets' allocation and release.
+#include "policy/monitor.h"
+
+#include "diagnostics/eventlog.h"
+#include "diagnostics/trace.h"
+#include "frame/helpers.h"
+
+namespace {
+
+constexpr ACCESS_MASK PolicyFileAccess = 0x130089;  // FILE_GENERIC_READ | DELETE
+constexpr ULONG PolicyFileShare = 1;                // FILE_SHARE_READ
+constexpr ULONG PolicyFileOptions = 0x60;           // FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT
+constexpr ULONG FilePositionClass = 14;              // FilePositionInformation
+
+template <typename Set>
+NTSTATUS CreateSet(ULONG Count, Set **SetOut) {
+    if (SetOut == nullptr || Count == 0) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    *SetOut = nullptr;
+    // Room for Capacity + 1 records, in one zeroed allocation.
+    const ULONGLONG Bytes = FIELD_OFFSET(Set, Rules) + ((ULONGLONG)Count + 1) * sizeof(((Set *)nullptr)->Rules[0]);
+    auto *Created = Bytes <= 0xFFFFFFFFu ? (Set *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagRules) : nullptr;
+    if (Created == nullptr) {
+        TRACE_STATUS(STATUS_INSUFFICIENT_RESOURCES);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    RtlZeroMemory(Created, (SIZE_T)Bytes);
+    Created->Capacity = Count;
+    *SetOut = Created;
+    return STATUS_SUCCESS;
+}
+
+// Frees what the parser added, whatever Capacity says.
+template <typename Set, typename FreeBody>
+NTSTATUS FreeSet(Set *Target, FreeBody Free) {
+    if (Target == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    for (ULONG Index = 0; Index < Target->RuleCount; ++Index) Free(&Target->Rules[Index]);
+    PoolFree(Target);
+    return STATUS_SUCCESS;
+}
+
+// The record at Offset of the record area: its magic and its extent are
+// checked before anything else of it is read. A RecordSize of 0 would hold
+// the walk in place, and one that runs past the area would lead it out.
+NTSTATUS NextRecord(PUCHAR Records, ULONG BodyLength, ULONG Offset, RuleRecordHeader *Header) {
+    if (!PolicyFits(Offset, 2 * sizeof(ULONG), BodyLength)) return STATUS_DATA_ERROR;
+    RtlZeroMemory(Header, sizeof(*Header));
+    Header->RuleMagic = PolicyUlong(Records + Offset);
+    if (Header->RuleMagic != RuleRecordMagic) {
+        ReportPolicyRecordMismatch(WIDE("Rule Magic Number"), Header->RuleMagic, 1);
+        return STATUS_DATA_ERROR;
+    }
+    Header->RecordSize = PolicyUlong(Records + Offset + 4);
+    if (Header->RecordSize < sizeof(RuleRecordHeader) || !PolicyFits(Offset, Header->RecordSize, BodyLength))
+        return STATUS_DATA_ERROR;
+    RtlCopyMemory(Header, Records + Offset, sizeof(*Header));
+    return STATUS_SUCCESS;
+}
+
+// One list's count walk: the categories of the records whose first context
+// names List. WhiteList records are counted by the header, not here.
+NTSTATUS CountList(PUCHAR Records, ULONG BodyLength, ULONG List, ULONG Counts[CategoryCount]) {
+    for (ULONG Offset = 0; Offset < BodyLength;) {
+        RuleRecordHeader Header;
+        const NTSTATUS Status = NextRecord(Records, BodyLength, Offset, &Header);
+        if (!NT_SUCCESS(Status)) return Status;
+        if (Header.RuleList == List) {
+            if (Header.RuleCategory >= CategoryCount) return STATUS_INVALID_PARAMETER;
+            if (Header.RuleCategory != CategoryWhiteList) Counts[Header.RuleCategory] += 1;
+        }
+        Offset += Header.RecordSize;
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CreateFamily(const ULONG Counts[CategoryCount], MonitorRuleSets *Sets) {
+    NTSTATUS Status = STATUS_SUCCESS;
+    if (Counts[CategoryFile] != 0) Status = CreateMonitorFileRuleSet(Counts[CategoryFile], &Sets->File);
+    if (NT_SUCCESS(Status) && Counts[CategoryRegistry] != 0)
+        Status = CreateMonitorRegistryRuleSet(Counts[CategoryRegistry], &Sets->Registry);
+    if (NT_SUCCESS(Status) && Counts[CategoryProcess] != 0)
+        Status = CreateMonitorProcessRuleSet(Counts[CategoryProcess], &Sets->Process);
+    if (NT_SUCCESS(Status) && Counts[CategorySystem] != 0)
+        Status = CreateMonitorSystemRuleSet(Counts[CategorySystem], &Sets->System);
+    if (NT_SUCCESS(Status) && Counts[CategoryNetwork] != 0)
+        Status = CreateMonitorNetworkRuleSet(Counts[CategoryNetwork], &Sets->Network);
+    return Status;
+}
+
+// Hands one record to the parser of its category's set in this family.
+NTSTATUS ParseIntoFamily(MonitorRuleSets *Sets, const RuleRecordHeader &Header, PUCHAR Record) {
+    switch (Header.RuleCategory) {
+        case CategorySystem:
+            return Sets->System ? ParseMonitorSystemRule(Sets->System, Record, Header.RecordSize) : STATUS_DATA_ERROR;
+        case CategoryProcess:
+            return Sets->Process ? ParseMonitorProcessRule(Sets->Process, Record, Header.RecordSize)
+                                 : STATUS_DATA_ERROR;
+        case CategoryFile:
+            return Sets->File ? ParseMonitorFileRule(Sets->File, Record, Header.RecordSize) : STATUS_DATA_ERROR;
+        case CategoryRegistry:
+            return Sets->Registry ? ParseMonitorRegistryRule(Sets->Registry, Record, Header.RecordSize)
+                                  : STATUS_DATA_ERROR;
+        case CategoryWhiteList:
+            return STATUS_SUCCESS;  // the whitelist pass takes these
+        case CategoryNetwork:
+            return Sets->Network ? ParseMonitorNetworkRule(Sets->Network, Record, Header.RecordSize)
+                                 : STATUS_DATA_ERROR;
+        default:
+            return STATUS_INVALID_PARAMETER;
+    }
+}
+
+NTSTATUS BuildFamily(PUCHAR Records, ULONG BodyLength, ULONG List, const ULONG Counts[CategoryCount],
+                     MonitorRuleSets *Sets) {
+    NTSTATUS Status = CreateFamily(Counts, Sets);
+    if (!NT_SUCCESS(Status)) return Status;
+    for (ULONG Offset = 0; Offset < BodyLength;) {
+        RuleRecordHeader Header;
+        Status = NextRecord(Records, BodyLength, Offset, &Header);
+        if (!NT_SUCCESS(Status)) return Status;
+        if (Header.RuleList == List) {
+            Status = ParseIntoFamily(Sets, Header, Records + Offset);
+            if (!NT_SUCCESS(Status)) return Status;
+        }
+        Offset += Header.RecordSize;
+    }
+    return STATUS_SUCCESS;
+}
+
+// Whitelist rules are kept whatever list their first context names.
+NTSTATUS BuildWhiteList(PUCHAR Records, ULONG BodyLength, MonitorWhiteListRuleSet *Set) {
+    for (ULONG Offset = 0; Offset < BodyLength;) {
+        RuleRecordHeader Header;
+        NTSTATUS Status = NextRecord(Records, BodyLength, Offset, &Header);
+        if (!NT_SUCCESS(Status)) return Status;
+        if (Header.RuleCategory >= CategoryCount) return STATUS_INVALID_PARAMETER;
+        if (Header.RuleCategory == CategoryWhiteList) {
+            if (Set == nullptr) return STATUS_DATA_ERROR;
+            Status = ParseMonitorWhiteListRule(Set, Records + Offset, Header.RecordSize);
+            if (!NT_SUCCESS(Status)) return Status;
+        }
+        Offset += Header.RecordSize;
+    }
+    return STATUS_SUCCESS;
+}
+
+}  // namespace
+
+NTSTATUS CreateMonitorSystemRuleSet(ULONG Count, MonitorSystemRuleSet **Set) { return CreateSet(Count, Set); }
+NTSTATUS CreateMonitorProcessRuleSet(ULONG Count, MonitorProcessRuleSet **Set) { return CreateSet(Count, Set); }
+NTSTATUS CreateMonitorFileRuleSet(ULONG Count, MonitorFileRuleSet **Set) { return CreateSet(Count, Set); }
+NTSTATUS CreateMonitorRegistryRuleSet(ULONG Count, MonitorRegistryRuleSet **Set) { return CreateSet(Count, Set); }
+NTSTATUS CreateMonitorWhiteListRuleSet(ULONG Count, MonitorWhiteListRuleSet **Set) { return CreateSet(Count, Set); }
+NTSTATUS CreateMonitorNetworkRuleSet(ULONG Count, MonitorNetworkRuleSet **Set) { return CreateSet(Count, Set); }
+
+NTSTATUS FreeMonitorSystemRuleSet(MonitorSystemRuleSet *Set) {
+    return FreeSet(Set, [](SystemRuleBody *Rule) { FreeProcessRuleBody(Rule, CategorySystem); });
+}
+NTSTATUS FreeMonitorProcessRuleSet(MonitorProcessRuleSet *Set) {
+    return FreeSet(Set, [](ProcessRuleBody *Rule) { FreeProcessRuleBody(Rule, CategoryProcess); });
+}
+NTSTATUS FreeMonitorFileRuleSet(MonitorFileRuleSet *Set) { return FreeSet(Set, FreeFileRuleBody); }
+NTSTATUS FreeMonitorRegistryRuleSet(MonitorRegistryRuleSet *Set) { return FreeSet(Set, FreeRegistryRuleBody); }
+NTSTATUS FreeMonitorWhiteListRuleSet(MonitorWhiteListRuleSet *Set) { return FreeSet(Set, FreeWhiteListRuleBody); }
+NTSTATUS FreeMonitorNetworkRuleSet(MonitorNetworkRuleSet *Set) { return FreeSet(Set, FreeNetworkRuleBody); }
+
+VOID FreeMonitorRuleSets(MonitorRuleSets *Sets) {
+    if (Sets->System != nullptr) FreeMonitorSystemRuleSet(Sets->System);
+    if (Sets->File != nullptr) FreeMonitorFileRuleSet(Sets->File);
+    if (Sets->Process != nullptr) FreeMonitorProcessRuleSet(Sets->Process);
+    if (Sets->Registry != nullptr) FreeMonitorRegistryRuleSet(Sets->Registry);
+    if (Sets->Network != nullptr) FreeMonitorNetworkRuleSet(Sets->Network);
+    RtlZeroMemory(Sets, sizeof(*Sets));
+}
+
+NTSTATUS AllocateRuleContextEntries(ULONG Count, RuleContextEntry **Entries) {
+    if (Count == 0 || Entries == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    const ULONGLONG Bytes = (ULONGLONG)Count * sizeof(RuleContextEntry);
+    auto *Array = Bytes <= 0xFFFFFFFFu ? (RuleContextEntry *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagRules) : nullptr;
+    if (Array == nullptr) {
+        TRACE_STATUS(STATUS_INSUFFICIENT_RESOURCES);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    RtlZeroMemory(Array, (SIZE_T)Bytes);
+    *Entries = Array;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ParseRuleContext(const UCHAR *Block, ULONG Available, RuleContextEntry **Entries, ULONG *Count) {
+    if (Block == nullptr || Entries == nullptr || Count == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    *Entries = nullptr;
+    *Count = 0;
+    if (!PolicyFits(0, 2 * sizeof(ULONG), Available)) return STATUS_DATA_ERROR;
+    const ULONG Magic = PolicyUlong(Block);
+    if (Magic != RuleContextMagic) {
+        ReportPolicyRecordMismatch(WIDE("Rule Context Header"), Magic, 1);
+        return STATUS_INVALID_PARAMETER;
+    }
+    const ULONG EntryCount = PolicyUlong(Block + 4);
+    if (EntryCount != 0 && !PolicyFits(2 * sizeof(ULONG), (ULONGLONG)EntryCount * RuleContextFileEntrySize, Available))
+        return STATUS_DATA_ERROR;
+    RuleContextEntry *Array = nullptr;
+    const NTSTATUS Status = AllocateRuleContextEntries(EntryCount, &Array);
+    if (!NT_SUCCESS(Status)) return Status;
+    for (ULONG Index = 0; Index < EntryCount; ++Index)
+        RtlCopyMemory(&Array[Index], Block + 8 + Index * RuleContextFileEntrySize, RuleContextFileEntrySize);
+    *Entries = Array;
+    *Count = EntryCount;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ReadMonitorPolicyFile(PUNICODE_STRING Path, PUCHAR *Image, ULONG *BodyLength) {
+    if (Path == nullptr || Image == nullptr || BodyLength == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    *Image = nullptr;
+    *BodyLength = 0;
+
+    OBJECT_ATTRIBUTES Attributes;
+    // OBJ_KERNEL_HANDLE alone: the name is case-sensitive to the object manager.
+    InitializeObjectAttributes(&Attributes, Path, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    HANDLE File = nullptr;
+    IO_STATUS_BLOCK Io;
+    NTSTATUS Status = ZwCreateFile(&File, PolicyFileAccess, &Attributes, &Io, nullptr, FILE_ATTRIBUTE_NORMAL,
+                                   PolicyFileShare, FILE_OPEN, PolicyFileOptions, nullptr, 0);
+    if (Status != STATUS_SUCCESS) return Status;
+
+    PUCHAR Buffer = nullptr;
+    UCHAR HeaderBytes[MonitorPolicyReadExtra] = {};
+    MonitorPolicyHeader Header;
+    RtlZeroMemory(&Header, sizeof(Header));
+    Status = ZwReadFile(File, nullptr, nullptr, nullptr, &Io, HeaderBytes, sizeof(HeaderBytes), nullptr, nullptr);
+    if (NT_SUCCESS(Status)) {
+        RtlCopyMemory(&Header, HeaderBytes, sizeof(Header));
+        if (Header.Magic != MonitorPolicyMagic) {
+            ReportPolicyVersionMismatch(WIDE("Policy Magic Number"), (USHORT)(Header.Magic & 0xFF),
+                                        (USHORT)MonitorPolicyVersion);
+            Status = STATUS_FILE_INVALID;
+        } else if (Header.BodyLength > 0xFFFFFFFFu - MonitorPolicyReadExtra) {
+            // The image size would wrap: no buffer could hold such a file.
+            Status = STATUS_DATA_ERROR;
+        } else {
+            const ULONG Size = Header.BodyLength + MonitorPolicyReadExtra;
+            Buffer = (PUCHAR)PoolAlloc(PagedPool, Size, TagPolicy);
+            if (Buffer == nullptr) {
+                Status = STATUS_INSUFFICIENT_RESOURCES;
+            } else {
+                FILE_POSITION_INFORMATION Position;
+                Position.CurrentByteOffset.QuadPart = 0;
+                Status = ZwSetInformationFile(File, &Io, &Position, sizeof(Position),
+                                              (FILE_INFORMATION_CLASS)FilePositionClass);
+                // What came is not measured: a short file leaves the tail as
+                // the pool gave it, and the checksum catches that.
+                if (NT_SUCCESS(Status))
+                    Status = ZwReadFile(File, nullptr, nullptr, nullptr, &Io, Buffer, Size, nullptr, nullptr);
+                if (!NT_SUCCESS(Status)) {
+                    PoolFree(Buffer);
+                    Buffer = nullptr;
+                }
+            }
+        }
+    }
+    ZwClose(File);
+    if (!NT_SUCCESS(Status)) return Status;
+    *Image = Buffer;
+    *BodyLength = Header.BodyLength;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ParseMonitorPolicy(PUCHAR Image, MonitorRuleSets *EdrSets, MonitorRuleSets *FimSets,
+                            MonitorWhiteListRuleSet **WhiteListSet) {
+    if (Image == nullptr || EdrSets == nullptr || FimSets == nullptr || WhiteListSet == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    *WhiteListSet = nullptr;
+    MonitorPolicyHeader Header;
+    RtlCopyMemory(&Header, Image, sizeof(Header));
+    PUCHAR Records = Image + MonitorPolicyHeaderSize;
+    const ULONG BodyLength = Header.BodyLength;
+
+    if (ComputePolicyChecksum(Records, BodyLength) != Header.BodyChecksum) {
+        TRACE_STATUS(STATUS_DATA_ERROR);
+        return STATUS_DATA_ERROR;
+    }
+    ULONG EdrCounts[CategoryCount] = {}, FimCounts[CategoryCount] = {};
+    NTSTATUS Status = CountList(Records, BodyLength, RuleListEdr, EdrCounts);
+    if (NT_SUCCESS(Status)) Status = CountList(Records, BodyLength, RuleListFim, FimCounts);
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        return Status;
+    }
+
+    MonitorRuleSets Edr = {}, Fim = {};
+    MonitorWhiteListRuleSet *WhiteList = nullptr;
+    if (Header.WhiteListRuleCapacity != 0)
+        Status = CreateMonitorWhiteListRuleSet(Header.WhiteListRuleCapacity, &WhiteList);
+    if (NT_SUCCESS(Status)) Status = BuildFamily(Records, BodyLength, RuleListEdr, EdrCounts, &Edr);
+    if (NT_SUCCESS(Status)) Status = BuildFamily(Records, BodyLength, RuleListFim, FimCounts, &Fim);
+    if (NT_SUCCESS(Status)) Status = BuildWhiteList(Records, BodyLength, WhiteList);
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        // The partly built family goes first; nothing of the file survives.
+        FreeMonitorRuleSets(&Fim);
+        FreeMonitorRuleSets(&Edr);
+        if (WhiteList != nullptr) FreeMonitorWhiteListRuleSet(WhiteList);
+        return Status;
+    }
+    *EdrSets = Edr;
+    *FimSets = Fim;
+    *WhiteListSet = WhiteList;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS LoadMonitorPolicy(PUNICODE_STRING Path, MonitorRuleSets *EdrSets, MonitorRuleSets *FimSets,
+                           MonitorWhiteListRuleSet **WhiteListSet) {
+    if (Path == nullptr || EdrSets == nullptr || FimSets == nullptr || WhiteListSet == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    *WhiteListSet = nullptr;
+    PUCHAR Image = nullptr;
+    ULONG BodyLength = 0;
+    NTSTATUS Status = ReadMonitorPolicyFile(Path, &Image, &BodyLength);
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        return Status;
+    }
+    Status = ParseMonitorPolicy(Image, EdrSets, FimSets, WhiteListSet);
+    PoolFree(Image);
+    return Status;
+}

@@ -1,0 +1,179 @@
+// Network monitor rules: no object name, only the operations watched and
+// filters that speak of actors, addresses, ports and protocol. Group 0 of a
+// filter's address and port lists is the local end, group 1 the remote end.
+#include "policy/monitor.h"
+
+#include "diagnostics/eventlog.h"
+#include "diagnostics/trace.h"
+#include "frame/helpers.h"
+
+namespace {
+
+constexpr ULONG NetworkBodyMagic = 0x52424E01;
+constexpr ULONG NetworkFilterMagic = 0x524E4601;
+constexpr ULONG NetworkBodyFixedSize = 16;
+constexpr ULONG NetworkFilterHeaderSize = 64;
+
+NTSTATUS AppendNetworkFilter(NetworkRuleFilter **List, ULONG *Count, ULONG Conditions, ULONG ObjectKind,
+                             NetworkRuleFilter **Added) {
+    const ULONGLONG Bytes = ((ULONGLONG)*Count + 1) * sizeof(NetworkRuleFilter);
+    auto *Grown = Bytes <= 0xFFFFFFFFu ? (NetworkRuleFilter *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagFilter) : nullptr;
+    if (Grown == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
+    RtlZeroMemory(Grown, (SIZE_T)Bytes);
+    if (*Count != 0) RtlCopyMemory(Grown, *List, (SIZE_T)*Count * sizeof(NetworkRuleFilter));
+    const NTSTATUS Status = InitNetworkRuleFilter(&Grown[*Count], Conditions, ObjectKind);
+    if (!NT_SUCCESS(Status)) {
+        PoolFree(Grown);
+        return Status;
+    }
+    PoolFree(*List);
+    *List = Grown;
+    *Added = &Grown[*Count];
+    *Count += 1;
+    return STATUS_SUCCESS;
+}
+
+typedef NTSTATUS NetworkListLoader(NetworkRuleFilter *, PUCHAR, ULONG, ULONG, ULONG, ULONG *);
+
+// One list of Count filters; only the first filter's magic is tested, as
+// for every rule family.
+NTSTATUS LoadNetworkFilterList(NetworkRuleFilter **List, ULONG *ListCount, PUCHAR Cursor, ULONG Count,
+                               ULONG Available, ULONG *SizeOut) {
+    *SizeOut = 0;
+    if (Count == 0) return STATUS_SUCCESS;
+    if (!PolicyFits(0, sizeof(ULONG), Available)) return STATUS_DATA_ERROR;
+    const ULONG Magic = PolicyUlong(Cursor);
+    if (Magic != NetworkFilterMagic) {
+        ReportPolicyRecordMismatch(WIDE("Network Rule Filter Header"), Magic, 1);
+        return STATUS_INVALID_PARAMETER;
+    }
+    ULONG Offset = 0;
+    for (ULONG Index = 0; Index < Count; ++Index) {
+        if (!PolicyFits(Offset, NetworkFilterHeaderSize, Available)) return STATUS_DATA_ERROR;
+        PUCHAR Header = Cursor + Offset;
+        NetworkRuleFilter *Filter = nullptr;
+        NTSTATUS Status = AppendNetworkFilter(List, ListCount, PolicyUlong(Header + 4), PolicyUlong(Header + 8), &Filter);
+        if (!NT_SUCCESS(Status)) return Status;
+        Filter->StartTime = DecodeTimeOfDay(PolicyUlonglong(Header + 48));
+        Filter->EndTime = DecodeTimeOfDay(PolicyUlonglong(Header + 56));
+        ULONG Consumed = NetworkFilterHeaderSize, Size = 0;
+        // The eight lists in file order: actors, then per group addresses,
+        // ports and ranges.
+        const ULONG Actors = PolicyUlong(Header + 12), Usernames = PolicyUlong(Header + 16);
+        if (Actors != 0) {
+            Status = LoadActorProcessFilters(Filter, CategoryNetwork, Header + Consumed, Actors,
+                                             Available - Offset - Consumed, &Size);
+            if (!NT_SUCCESS(Status)) return Status;
+            Consumed += Size;
+        }
+        if (Usernames != 0) {
+            Status = LoadActorUsernameFilters(Filter, CategoryNetwork, Header + Consumed, Usernames,
+                                              Available - Offset - Consumed, &Size);
+            if (!NT_SUCCESS(Status)) return Status;
+            Consumed += Size;
+        }
+        NetworkListLoader *const Loaders[3] = {LoadNetworkAddressFilters, LoadNetworkPortNumberFilters,
+                                               LoadNetworkPortRangeFilters};
+        for (ULONG Group = 0; Group < 2; ++Group) {
+            for (ULONG Kind = 0; Kind < 3; ++Kind) {
+                const ULONG ListLength = PolicyUlong(Header + 20 + (Group * 3 + Kind) * sizeof(ULONG));
+                if (ListLength == 0) continue;
+                Status = Loaders[Kind](Filter, Header + Consumed, Group, ListLength, Available - Offset - Consumed, &Size);
+                if (!NT_SUCCESS(Status)) return Status;
+                Consumed += Size;
+            }
+        }
+        Offset += Consumed;
+    }
+    *SizeOut = Offset;
+    return STATUS_SUCCESS;
+}
+
+VOID FreeNetworkFilterArray(NetworkRuleFilter **List, ULONG *Count) {
+    if (*List != nullptr) {
+        for (ULONG Index = 0; Index < *Count; ++Index) FreeNetworkRuleFilter(&(*List)[Index]);
+        PoolFree(*List);
+        *List = nullptr;
+    }
+    *Count = 0;
+}
+
+}  // namespace
+
+VOID FreeNetworkRuleBody(NetworkRuleBody *Rule) {
+    if (Rule == nullptr) return;
+    PoolFree(Rule->Contexts);
+    FreeNetworkFilterArray(&Rule->IncludeFilters, &Rule->IncludeCount);
+    FreeNetworkFilterArray(&Rule->ExcludeFilters, &Rule->ExcludeCount);
+    RtlZeroMemory(Rule, sizeof(*Rule));
+}
+
+NTSTATUS AddMonitorNetworkRule(MonitorNetworkRuleSet *Set, ULONG RuleCategory, ULONG RuleType,
+                               const RuleContextEntry *Contexts, ULONG ContextCount, ULONG OperationMask,
+                               NetworkRuleBody **Rule) {
+    if (Set == nullptr || ContextCount == 0 || Contexts == nullptr || Rule == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (Set->RuleCount >= Set->Capacity) return STATUS_BUFFER_OVERFLOW;
+    // A rule must watch one of the three network operations.
+    if ((OperationMask & 0x7) == 0) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    NetworkRuleBody *Body = &Set->Rules[Set->RuleCount];
+    RtlZeroMemory(Body, sizeof(*Body));
+    const NTSTATUS Status = AllocateRuleContextEntries(ContextCount, &Body->Contexts);
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        return Status;
+    }
+    RtlCopyMemory(Body->Contexts, Contexts, (SIZE_T)ContextCount * sizeof(RuleContextEntry));
+    Body->RuleCategory = RuleCategory;
+    Body->RuleType = RuleType;
+    Body->ContextCount = ContextCount;
+    Body->OperationMask = OperationMask;
+    Set->RuleCount += 1;
+    *Rule = Body;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ParseMonitorNetworkRule(MonitorNetworkRuleSet *Set, PUCHAR Record, ULONG RecordSize) {
+    if (Set == nullptr || Record == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    RuleContextEntry *Contexts = nullptr;
+    ULONG ContextCount = 0;
+    NTSTATUS Status = ParseRuleContext(Record + 16, RecordSize - 16, &Contexts, &ContextCount);
+    if (NT_SUCCESS(Status)) {
+        const ULONG BodyOffset = RuleRecordFixedSize + ContextCount * RuleContextFileEntrySize;
+        PUCHAR Body = Record + BodyOffset;
+        NetworkRuleBody *Rule = nullptr;
+        if (!PolicyFits(BodyOffset, sizeof(ULONG), RecordSize)) {
+            Status = STATUS_DATA_ERROR;
+        } else if (PolicyUlong(Body) != NetworkBodyMagic) {
+            ReportPolicyRecordMismatch(WIDE("Network Rule Body Header"), PolicyUlong(Body), 1);
+            Status = STATUS_INVALID_PARAMETER;
+        } else if (!PolicyFits(BodyOffset, NetworkBodyFixedSize, RecordSize)) {
+            Status = STATUS_DATA_ERROR;
+        } else {
+            Status = AddMonitorNetworkRule(Set, PolicyUlong(Record + 8), PolicyUlong(Record + 12), Contexts,
+                                           ContextCount, PolicyUlong(Body + 12), &Rule);
+        }
+        if (NT_SUCCESS(Status)) {
+            // The exclude list starts exactly behind what the include list consumed.
+            const ULONG ListsAvailable = RecordSize - BodyOffset - NetworkBodyFixedSize;
+            ULONG Size = 0;
+            Status = LoadNetworkFilterList(&Rule->IncludeFilters, &Rule->IncludeCount, Body + NetworkBodyFixedSize,
+                                           PolicyUlong(Body + 4), ListsAvailable, &Size);
+            if (NT_SUCCESS(Status))
+                Status = LoadNetworkFilterList(&Rule->ExcludeFilters, &Rule->ExcludeCount,
+                                               Body + NetworkBodyFixedSize + Size, PolicyUlong(Body + 8),
+                                               ListsAvailable - Size, &Size);
+        }
+    }
+    PoolFree(Contexts);
+    if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
+    return Status;
+}

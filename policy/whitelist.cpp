@@ -1,0 +1,179 @@
+// Whitelist rules: a process image whose operations the agent stops
+// watching, under which command-line arguments and parent processes. One
+// filter list, whose filters use the argument and parent lists only, and no
+// time of day.
+#include "policy/monitor.h"
+
+#include "diagnostics/eventlog.h"
+#include "diagnostics/trace.h"
+#include "frame/helpers.h"
+
+namespace {
+
+constexpr ULONG WhiteListBodyMagic = 0x52425702;
+constexpr ULONG WhiteListFilterMagic = 0x52505701;
+constexpr ULONG WhiteListBodyFixedSize = 20;
+constexpr ULONG WhiteListFilterHeaderSize = 72;
+
+}  // namespace
+
+VOID FreeWhiteListRuleBody(WhiteListRuleBody *Rule) {
+    if (Rule == nullptr) return;
+    PoolFree(Rule->Contexts);
+    if (Rule->IncludeFilters != nullptr) {
+        for (ULONG Index = 0; Index < Rule->IncludeCount; ++Index)
+            FreeRuleFilter(&Rule->IncludeFilters[Index], CategoryWhiteList);
+        PoolFree(Rule->IncludeFilters);
+    }
+    FreeUnicodeString(&Rule->Path);
+    RtlZeroMemory(Rule, sizeof(*Rule));
+}
+
+NTSTATUS AddMonitorWhiteListRule(MonitorWhiteListRuleSet *Set, ULONG RuleCategory, ULONG RuleType,
+                                 const RuleContextEntry *Contexts, ULONG ContextCount, PCUNICODE_STRING Path,
+                                 ULONG OperationMask, WhiteListRuleBody **Rule) {
+    if (Set == nullptr || ContextCount == 0 || Contexts == nullptr || Path == nullptr || Rule == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (Set->RuleCount >= Set->Capacity) return STATUS_BUFFER_OVERFLOW;
+    WhiteListRuleBody *Body = &Set->Rules[Set->RuleCount];
+    RtlZeroMemory(Body, sizeof(*Body));
+    // Any OperationMask is taken, 0 included, and the path keeps a trailing
+    // backslash.
+    NTSTATUS Status = AllocateRuleContextEntries(ContextCount, &Body->Contexts);
+    if (NT_SUCCESS(Status)) {
+        RtlCopyMemory(Body->Contexts, Contexts, (SIZE_T)ContextCount * sizeof(RuleContextEntry));
+        Status = CompilePolicyText(&Body->Path, Path);
+        if (!NT_SUCCESS(Status)) PoolFree(Body->Contexts);
+    }
+    if (!NT_SUCCESS(Status)) {
+        RtlZeroMemory(Body, sizeof(*Body));
+        TRACE_STATUS(Status);
+        return Status;
+    }
+    Body->RuleCategory = RuleCategory;
+    Body->RuleType = RuleType;
+    Body->ContextCount = ContextCount;
+    Body->OperationMask = OperationMask;
+    Set->RuleCount += 1;
+    *Rule = Body;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS AddWhiteListFilter(WhiteListRuleBody *Rule, ULONG Conditions, RuleFilter **FilterOut) {
+    if (Rule == nullptr || FilterOut == nullptr) return STATUS_INVALID_PARAMETER;
+    const ULONGLONG Bytes = ((ULONGLONG)Rule->IncludeCount + 1) * sizeof(RuleFilter);
+    auto *Grown = Bytes <= 0xFFFFFFFFu ? (RuleFilter *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagFilter) : nullptr;
+    if (Grown == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
+    RtlZeroMemory(Grown, (SIZE_T)Bytes);
+    if (Rule->IncludeCount != 0) RtlCopyMemory(Grown, Rule->IncludeFilters, (SIZE_T)Rule->IncludeCount * sizeof(RuleFilter));
+    const NTSTATUS Status = InitRuleFilter(&Grown[Rule->IncludeCount], Conditions, 0);
+    if (!NT_SUCCESS(Status)) {
+        PoolFree(Grown);
+        return Status;
+    }
+    PoolFree(Rule->IncludeFilters);
+    Rule->IncludeFilters = Grown;
+    *FilterOut = &Grown[Rule->IncludeCount];
+    Rule->IncludeCount += 1;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS LoadWhiteListFilters(WhiteListRuleBody *Rule, PUCHAR Records, ULONG Count, ULONG Reserved,
+                              ULONG Available, ULONG *SizeOut) {
+    if (Rule == nullptr || Records == nullptr || SizeOut == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    *SizeOut = 0;
+    if (Count == 0) return STATUS_SUCCESS;
+    NTSTATUS Status = STATUS_SUCCESS;
+    ULONG Offset = 0;
+    if (!PolicyFits(0, sizeof(ULONG), Available)) {
+        Status = STATUS_DATA_ERROR;
+    } else if (PolicyUlong(Records) != WhiteListFilterMagic) {
+        // The first filter alone is tested, as in every rule family.
+        ReportPolicyRecordMismatch(WIDE("Whitelist Rule Filter Header"), PolicyUlong(Records), 1);
+        Status = STATUS_INVALID_PARAMETER;
+    }
+    for (ULONG Index = 0; NT_SUCCESS(Status) && Index < Count; ++Index) {
+        if (Reserved != 0) {
+            Status = STATUS_INVALID_PARAMETER;
+            break;
+        }
+        if (!PolicyFits(Offset, WhiteListFilterHeaderSize, Available)) {
+            Status = STATUS_DATA_ERROR;
+            break;
+        }
+        PUCHAR Header = Records + Offset;
+        RuleFilter *Filter = nullptr;
+        Status = AddWhiteListFilter(Rule, PolicyUlong(Header + 4), &Filter);
+        if (!NT_SUCCESS(Status)) break;
+        // Patterns, actors and usernames have no meaning for a whitelist rule.
+        if (PolicyUlong(Header + 12) != 0 || PolicyUlong(Header + 16) != 0 || PolicyUlong(Header + 20) != 0) {
+            Status = STATUS_INVALID_PARAMETER;
+            break;
+        }
+        ULONG Consumed = WhiteListFilterHeaderSize, Size = 0;
+        const ULONG Arguments = PolicyUlong(Header + 64), Parents = PolicyUlong(Header + 68);
+        if (Arguments != 0) {
+            Status = LoadArgumentFilters(Filter, Header + Consumed, Arguments, Available - Offset - Consumed, &Size);
+            if (!NT_SUCCESS(Status)) break;
+            Consumed += Size;
+        }
+        if (Parents != 0) {
+            Status = LoadParentProcessFilters(Filter, Header + Consumed, Parents, Available - Offset - Consumed, &Size);
+            if (!NT_SUCCESS(Status)) break;
+            Consumed += Size;
+        }
+        Offset += Consumed;
+    }
+    if (!NT_SUCCESS(Status)) {
+        TRACE_STATUS(Status);
+        // The rule is released whole; it stays in the set, cleared and counted.
+        FreeWhiteListRuleBody(Rule);
+        return Status;
+    }
+    *SizeOut = Offset;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ParseMonitorWhiteListRule(MonitorWhiteListRuleSet *Set, PUCHAR Record, ULONG RecordSize) {
+    if (Set == nullptr || Record == nullptr) {
+        TRACE_STATUS(STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
+    }
+    RuleContextEntry *Contexts = nullptr;
+    ULONG ContextCount = 0;
+    NTSTATUS Status = ParseRuleContext(Record + 16, RecordSize - 16, &Contexts, &ContextCount);
+    if (NT_SUCCESS(Status)) {
+        const ULONG BodyOffset = RuleRecordFixedSize + ContextCount * RuleContextFileEntrySize;
+        PUCHAR Body = Record + BodyOffset;
+        UNICODE_STRING Path;
+        WhiteListRuleBody *Rule = nullptr;
+        if (!PolicyFits(BodyOffset, sizeof(ULONG), RecordSize)) {
+            Status = STATUS_DATA_ERROR;
+        } else if (PolicyUlong(Body) != WhiteListBodyMagic) {
+            ReportPolicyRecordMismatch(WIDE("Whitelist Rule Body Header"), PolicyUlong(Body), 2);
+            Status = STATUS_INVALID_PARAMETER;
+        } else if (!PolicyFits(BodyOffset, WhiteListBodyFixedSize, RecordSize)) {
+            Status = STATUS_DATA_ERROR;
+        } else {
+            const ULONG TextOffset = BodyOffset + WhiteListBodyFixedSize;
+            Status = ReadPolicyString(Body + 4, Record + TextOffset, RecordSize - TextOffset, FALSE, &Path);
+            if (NT_SUCCESS(Status))
+                Status = AddMonitorWhiteListRule(Set, PolicyUlong(Record + 8), PolicyUlong(Record + 12), Contexts,
+                                                 ContextCount, &Path, PolicyUlong(Body + 16), &Rule);
+            if (NT_SUCCESS(Status)) {
+                const ULONG ListsOffset = TextOffset + Path.MaximumLength;
+                ULONG Size = 0;
+                Status = LoadWhiteListFilters(Rule, Record + ListsOffset, PolicyUlong(Body + 12), 0,
+                                              RecordSize - ListsOffset, &Size);
+            }
+        }
+    }
+    PoolFree(Contexts);
+    if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
+    return Status;
+}
