@@ -3,6 +3,9 @@
 //   tpol compile SOURCE.yaml -o OUTPUT.bin    YAML source to a binary policy
 //   tpol dump FILE.bin                        a binary policy as YAML source
 //   tpol check FILE.bin                       what is wrong with a binary policy, and where
+//
+// A source has one top-level key, app_blocking: or monitor:, which names the
+// format (see examples/policies/README.md for the monitor keys).
 #include "tpol.h"
 
 #include <cstdio>
@@ -14,7 +17,8 @@ namespace {
 int Usage() {
     std::cerr << "usage: tpol compile SOURCE.yaml -o OUTPUT.bin\n"
                  "       tpol dump FILE.bin\n"
-                 "       tpol check FILE.bin\n";
+                 "       tpol check FILE.bin\n"
+                 "A source holds one top-level key: app_blocking or monitor.\n";
     return 2;
 }
 

@@ -100,7 +100,8 @@ Bytes Compile(const YAML::Node &document, const std::string &source_name) {
     const auto key = document.begin()->first.as<std::string>();
     const YAML::Node body = document.begin()->second;
     if (key == "app_blocking") return detail::CompileAppBlocking(body, source_name);
-    source.Fail(document.begin()->first, "unknown policy kind '" + key + "' (expected app_blocking)");
+    if (key == "monitor") return detail::CompileMonitor(body, source_name);
+    source.Fail(document.begin()->first, "unknown policy kind '" + key + "' (expected app_blocking or monitor)");
 }
 
 Bytes CompileText(const std::string &yaml_text, const std::string &source_name) {
@@ -141,6 +142,7 @@ Format DetectFormat(const Bytes &binary) {
 std::string Dump(const Bytes &binary) {
     switch (DetectFormat(binary)) {
         case Format::AppBlocking: return detail::DumpAppBlocking(binary);
+        case Format::Monitor: return detail::DumpMonitor(binary);
         default: throw std::runtime_error(std::string("dumping ") + FormatName(DetectFormat(binary)) + " policies is not supported yet");
     }
 }
@@ -167,6 +169,7 @@ std::vector<Finding> Check(const Bytes &binary) {
     }
     switch (format) {
         case Format::AppBlocking: return detail::CheckAppBlocking(binary);
+        case Format::Monitor: return detail::CheckMonitor(binary);
         default: return {{Finding::Error, 0, std::string("checking ") + FormatName(format) + " policies is not supported yet"}};
     }
 }

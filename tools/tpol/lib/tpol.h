@@ -72,6 +72,9 @@ namespace detail {
 Bytes CompileAppBlocking(const YAML::Node &body, const std::string &source_name);
 std::string DumpAppBlocking(const Bytes &binary);
 std::vector<Finding> CheckAppBlocking(const Bytes &binary);
+Bytes CompileMonitor(const YAML::Node &body, const std::string &source_name);
+std::string DumpMonitor(const Bytes &binary);
+std::vector<Finding> CheckMonitor(const Bytes &binary);
 }  // namespace detail
 
 }  // namespace tpol

@@ -1,0 +1,1177 @@
+// The monitor policy format (magic 0x54425003): a 36-byte header, then one
+// record per rule of the six categories, each with its contexts, its body and
+// its include and exclude filters, and one zero byte that the checksum covers.
+//
+// Source, under the top-level key `monitor:`:
+//
+//   whitelist_capacity: N   WhiteListRuleCapacity; default: the number of
+//                           whitelist rules. 0 means no whitelist set.
+//   rules: [...]            one mapping per record, in file order:
+//
+//   category      system|process|file|registry|whitelist|network, or 0..5
+//   type          RuleType, required
+//   list          the RuleList word of the first context: none (0), fim (1),
+//                 edr (2) or a number. Default: edr, or none for a whitelist
+//                 rule, which the loader keeps whatever the word holds.
+//   contexts      [{id: GUID text or 32 hex digits, list: as above}], one
+//                 entry per context; an entry's list defaults to the rule's.
+//                 [] writes a rule without one, and then `list` has no place.
+//   record_size   writes this RecordSize instead of the record's real size,
+//                 to make files that are sealed but malformed.
+//   operations    OperationMask, default 0
+//   operations2   OperationMask2 (file, registry), default 0
+//   flags         RuleFlags (file), default 0
+//   path          the rule's path (all but network), required
+//   value_name    registry: the value name, default '' (which still takes
+//                 its two bytes of NUL)
+//   depth         signed, or `any` (-2), the default (file, registry,
+//                 process, system)
+//   include       filters; exclude: filters (all but whitelist, which has
+//                 one list, written as include)
+//
+// A filter of the file, registry, process and system rules (72-byte header):
+//   conditions      a list of names and numbers, OR-ed, or one number.
+//                   Names: object_kind 0x1, patterns 0x2, attributes 0x4,
+//                   size 0x8, actor_process 0x10, actor_username 0x20,
+//                   time 0x40, value 0x8000.
+//   object_kind     file, registry          attributes   file
+//   size            file: {op: '>' '>=' '==' '<=' '<' or a number, value: N}
+//   value           process: FilterValue (16 bits)
+//   patterns, actor_processes: [text]       actor_usernames: [number]
+//   time            {start: 'HH:MM:SS' or a raw 64-bit word, end: same}
+// A network filter (64-byte header): conditions (names actor_process,
+//   actor_username, time, local_address 0x200, remote_address 0x400,
+//   local_port 0x800, remote_port 0x1000, protocol 0x2000), protocol (the
+//   ObjectKind word), actor_processes, actor_usernames, time, and local:
+//   (group 0) and remote: (group 1), each {addresses: [text], ports:
+//   [number], port_ranges: [[low, high]] or [{low: N, high: N}]}.
+// A whitelist filter: conditions (names arguments 0x80, parents 0x100),
+//   arguments: [text], parents: [text].
+// Without `conditions`, a filter gets the conditions of the keys it has (a
+// key with an empty list counts); `local: {ports: []}` gives local_port.
+//
+// A text is UTF-8 in the source and UTF-16LE in the file, NUL-terminated,
+// MaximumLength = Length + 2. {text: '...', max_length: N} writes a larger
+// MaximumLength and pads with zeros. Text reference slots and reserved words
+// are written as 0.
+//
+// `dump` prints every field the file holds for a category, and what it
+// prints compiles to the same bytes; a file it cannot print that way is
+// refused with the offset. `check` walks the records as the loader does and
+// names what the loader refuses (errors) or takes without using (warnings).
+#include "tpol.h"
+#include "yaml_support.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <optional>
+#include <span>
+#include <sstream>
+
+namespace tpol {
+namespace detail {
+namespace {
+
+constexpr uint32_t kMagic = 0x54425003, kRuleMagic = 0x52480001, kContextMagic = 0x52434801;
+constexpr uint32_t kPatternMagic = 0x46504801, kActorProcessMagic = 0x46415001, kActorUsernameMagic = 0x46415501,
+                   kArgumentMagic = 0x46414801, kParentMagic = 0x46505001, kAddressMagic = 0x46786501,
+                   kPortMagic = 0x46787801, kRangeMagic = 0x46788201;
+constexpr uint64_t kHeaderSize = 36, kRecordFixed = 24, kContextSize = 20, kFilterSize = 72, kNetworkFilterSize = 64;
+
+enum Category : uint32_t { kSystem, kProcess, kFile, kRegistry, kWhiteList, kNetwork };
+
+struct CategoryInfo {
+    const char *name;
+    uint32_t body_magic, filter_magic;
+};
+constexpr CategoryInfo kCategories[6] = {
+    {"system", 0x52425301, 0x52505302},   {"process", 0x52425002, 0x52504603},   {"file", 0x52424602, 0x52464602},
+    {"registry", 0x52425201, 0x52524602}, {"whitelist", 0x52425702, 0x52505701}, {"network", 0x52424E01, 0x524E4601},
+};
+
+struct Name {
+    const char *name;
+    uint32_t value;
+};
+constexpr Name kRuleConditions[] = {{"object_kind", 0x1}, {"patterns", 0x2},       {"attributes", 0x4},
+                                    {"size", 0x8},        {"actor_process", 0x10}, {"actor_username", 0x20},
+                                    {"time", 0x40},       {"value", 0x8000}};
+constexpr Name kNetworkConditions[] = {{"actor_process", 0x10},  {"actor_username", 0x20},  {"time", 0x40},
+                                       {"local_address", 0x200}, {"remote_address", 0x400}, {"local_port", 0x800},
+                                       {"remote_port", 0x1000},  {"protocol", 0x2000}};
+constexpr Name kWhiteListConditions[] = {{"arguments", 0x80}, {"parents", 0x100}};
+constexpr Name kSizeOperators[] = {{">", 1}, {">=", 2}, {"==", 3}, {"<=", 4}, {"<", 5}};
+constexpr Name kLists[] = {{"none", 0}, {"fim", 1}, {"edr", 2}};
+constexpr Name kCategoryNames[] = {{"system", 0},   {"process", 1},   {"file", 2},
+                                   {"registry", 3}, {"whitelist", 4}, {"network", 5}};
+
+std::span<const Name> ConditionNames(uint32_t category) {
+    if (category == kNetwork) return kNetworkConditions;
+    if (category == kWhiteList) return kWhiteListConditions;
+    return kRuleConditions;
+}
+
+// What a policy holds, as the file holds it.
+struct Text {
+    std::u16string units;
+    uint32_t max_length = 2;
+    uint64_t at = 0;  // where the text stands in a file being dumped
+};
+
+struct Group {
+    std::vector<Text> addresses;
+    std::vector<uint32_t> ports;
+    std::vector<std::pair<uint16_t, uint16_t>> ranges;
+};
+
+struct Filter {
+    uint32_t conditions = 0, object_kind = 0, attributes = 0, size_op = 0;
+    uint16_t value = 0;
+    uint64_t size_value = 0, start = 0, end = 0;
+    std::vector<Text> patterns, actor_processes, arguments, parents;
+    std::vector<uint32_t> usernames;
+    Group groups[2];
+};
+
+struct Context {
+    uint32_t list = 0;
+    uint8_t id[16] = {};
+};
+
+struct Rule {
+    uint32_t category = 0, type = 0;
+    std::optional<uint32_t> record_size;
+    std::vector<Context> contexts;
+    uint32_t flags = 0, operations = 0, operations2 = 0;
+    int32_t depth = -2;
+    Text path, value_name;
+    std::vector<Filter> include, exclude;
+};
+
+struct Policy {
+    uint32_t whitelist_capacity = 0;
+    std::vector<Rule> rules;
+};
+
+bool HasPath(uint32_t c) { return c != kNetwork; }
+bool HasDepth(uint32_t c) { return c != kNetwork && c != kWhiteList; }
+bool HasExclude(uint32_t c) { return c != kWhiteList; }
+
+// ---- Writing ----
+
+void PutHeader(Writer &out, const Text &t) {
+    out.U16(uint16_t(t.units.size() * 2));
+    out.U16(uint16_t(t.max_length));
+    out.U32(0);  // text reference: a slot the loader fills in memory
+}
+
+void PutText(Writer &out, const Text &t) {
+    for (char16_t u : t.units) out.U16(u);
+    for (size_t n = t.units.size() * 2; n < t.max_length; ++n) out.U8(0);  // the NUL, then padding
+}
+
+void PutTexts(Writer &out, uint32_t magic, const std::vector<Text> &texts) {
+    for (const auto &t : texts) {
+        out.U32(magic);
+        PutHeader(out, t);
+        PutText(out, t);
+    }
+}
+
+void PutWords(Writer &out, uint32_t magic, const std::vector<uint32_t> &words) {
+    for (uint32_t w : words) out.U32(magic), out.U32(w);
+}
+
+void PutFilter(Writer &out, uint32_t category, const Filter &f) {
+    out.U32(kCategories[category].filter_magic);
+    out.U32(f.conditions);
+    out.U32(f.object_kind);
+    if (category == kNetwork) {
+        out.U32(uint32_t(f.actor_processes.size()));
+        out.U32(uint32_t(f.usernames.size()));
+        for (const auto &g : f.groups) {
+            out.U32(uint32_t(g.addresses.size()));
+            out.U32(uint32_t(g.ports.size()));
+            out.U32(uint32_t(g.ranges.size()));
+        }
+        out.U32(0);
+        out.U64(f.start);
+        out.U64(f.end);
+        PutTexts(out, kActorProcessMagic, f.actor_processes);
+        PutWords(out, kActorUsernameMagic, f.usernames);
+        for (const auto &g : f.groups) {
+            PutTexts(out, kAddressMagic, g.addresses);
+            PutWords(out, kPortMagic, g.ports);
+            for (const auto &[low, high] : g.ranges) out.U32(kRangeMagic), out.U16(low), out.U16(high);
+        }
+        return;
+    }
+    out.U32(uint32_t(f.patterns.size()));
+    out.U32(uint32_t(f.actor_processes.size()));
+    out.U32(uint32_t(f.usernames.size()));
+    out.U32(f.attributes);
+    out.U16(f.value);
+    out.U16(0);
+    out.U32(f.size_op);
+    out.U32(0);
+    out.U64(f.size_value);
+    out.U64(f.start);
+    out.U64(f.end);
+    out.U32(uint32_t(f.arguments.size()));
+    out.U32(uint32_t(f.parents.size()));
+    PutTexts(out, kPatternMagic, f.patterns);
+    PutTexts(out, kActorProcessMagic, f.actor_processes);
+    PutWords(out, kActorUsernameMagic, f.usernames);
+    PutTexts(out, kArgumentMagic, f.arguments);
+    PutTexts(out, kParentMagic, f.parents);
+}
+
+void PutRule(Writer &out, const Rule &r) {
+    const size_t start = out.Size();
+    out.U32(kRuleMagic);
+    out.U32(0);  // RecordSize, below
+    out.U32(r.category);
+    out.U32(r.type);
+    out.U32(kContextMagic);
+    out.U32(uint32_t(r.contexts.size()));
+    for (const auto &c : r.contexts) {
+        out.U32(c.list);
+        out.Raw(c.id, 16);
+    }
+    const uint32_t includes = uint32_t(r.include.size()), excludes = uint32_t(r.exclude.size());
+    out.U32(kCategories[r.category].body_magic);
+    switch (r.category) {
+        case kFile:
+            out.U32(r.flags);
+            PutHeader(out, r.path);
+            out.U32(uint32_t(r.depth));
+            out.U32(includes), out.U32(excludes);
+            out.U32(r.operations), out.U32(r.operations2);
+            PutText(out, r.path);
+            break;
+        case kRegistry:
+            PutHeader(out, r.path);
+            PutHeader(out, r.value_name);
+            out.U32(uint32_t(r.depth));
+            out.U32(includes), out.U32(excludes);
+            out.U32(r.operations), out.U32(r.operations2);
+            PutText(out, r.path);
+            PutText(out, r.value_name);
+            break;
+        case kProcess:
+        case kSystem:
+            PutHeader(out, r.path);
+            out.U32(uint32_t(r.depth));
+            out.U32(includes), out.U32(excludes);
+            out.U32(r.operations);
+            PutText(out, r.path);
+            break;
+        case kWhiteList:
+            PutHeader(out, r.path);
+            out.U32(includes);
+            out.U32(r.operations);
+            PutText(out, r.path);
+            break;
+        case kNetwork:
+            out.U32(includes), out.U32(excludes);
+            out.U32(r.operations);
+            break;
+    }
+    for (const auto &f : r.include) PutFilter(out, r.category, f);
+    for (const auto &f : r.exclude) PutFilter(out, r.category, f);
+    out.PatchU32(start + 4, r.record_size ? *r.record_size : uint32_t(out.Size() - start));
+}
+
+Bytes Encode(const Policy &p) {
+    Writer out;
+    out.U32(kMagic);
+    out.U32(0);  // checksum, below
+    out.U32(0);  // BodyLength, below
+    for (int i = 0; i < 4; ++i) out.U32(0);
+    out.U32(p.whitelist_capacity);
+    out.U32(0);
+    for (const auto &r : p.rules) PutRule(out, r);
+    const uint32_t body_length = uint32_t(out.Size() - kHeaderSize);
+    // The checksum covers the byte behind the records too: it is written.
+    out.U8(0);
+    out.PatchU32(8, body_length);
+    out.PatchU32(4, Checksum(out.bytes.data() + kHeaderSize, body_length));
+    return out.bytes;
+}
+
+// ---- Reading sources ----
+
+bool Utf8ToUtf16(const std::string &in, std::u16string &out) {
+    for (size_t i = 0; i < in.size();) {
+        const unsigned char lead = static_cast<unsigned char>(in[i]);
+        int extra = lead < 0x80             ? 0
+                    : (lead & 0xE0) == 0xC0 ? 1
+                    : (lead & 0xF0) == 0xE0 ? 2
+                    : (lead & 0xF8) == 0xF0 ? 3
+                                            : -1;
+        if (extra < 0 || in.size() - i <= size_t(extra)) return false;
+        uint32_t cp = extra == 0 ? lead : lead & (0x3F >> extra);
+        for (int k = 1; k <= extra; ++k) {
+            const unsigned char c = static_cast<unsigned char>(in[i + k]);
+            if ((c & 0xC0) != 0x80) return false;
+            cp = cp << 6 | (c & 0x3F);
+        }
+        constexpr uint32_t kLeast[4] = {0, 0x80, 0x800, 0x10000};
+        if (cp < kLeast[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp < 0xE000)) return false;
+        if (cp >= 0x10000) {
+            out += char16_t(0xD800 + ((cp - 0x10000) >> 10));
+            out += char16_t(0xDC00 + ((cp - 0x10000) & 0x3FF));
+        } else {
+            out += char16_t(cp);
+        }
+        i += size_t(extra) + 1;
+    }
+    return true;
+}
+
+class SourceReader {
+public:
+    explicit SourceReader(const std::string &name) : source_{name} {}
+
+    Policy Read(const YAML::Node &body) {
+        source_.ExpectMap(body, "monitor");
+        source_.AllowKeys(body, {"whitelist_capacity", "rules"}, "monitor");
+        Policy p;
+        uint32_t whitelist_rules = 0;
+        const YAML::Node rules = Sequence(body, "rules");
+        for (size_t i = 0; i < rules.size(); ++i) {
+            p.rules.push_back(ReadRule(rules[i]));
+            whitelist_rules += p.rules.back().category == kWhiteList;
+        }
+        p.whitelist_capacity = uint32_t(source_.Field(body, "whitelist_capacity", whitelist_rules, UINT32_MAX));
+        return p;
+    }
+
+private:
+    Source source_;
+
+    YAML::Node Sequence(const YAML::Node &map, const char *key) const {
+        const YAML::Node node = map[key];
+        if (!node) return YAML::Node(YAML::NodeType::Sequence);
+        if (!node.IsSequence()) source_.Fail(node, std::string(key) + " must be a list");
+        return node;
+    }
+
+    // A name from `names`, or a number.
+    uint32_t Named(const YAML::Node &node, std::span<const Name> names, const std::string &what) const {
+        if (node.IsScalar() && !node.Scalar().empty() && !std::isdigit(static_cast<unsigned char>(node.Scalar()[0]))) {
+            std::string list;
+            for (const auto &n : names) {
+                if (node.Scalar() == n.name) return n.value;
+                list += std::string(list.empty() ? "" : ", ") + n.name;
+            }
+            source_.Fail(node, what + " must be one of " + list + " or a number, not '" + node.Scalar() + "'");
+        }
+        return uint32_t(source_.Number(node, what, UINT32_MAX));
+    }
+
+    uint32_t Conditions(const YAML::Node &node, uint32_t category) const {
+        if (!node.IsSequence()) return Named(node, ConditionNames(category), "conditions");
+        uint32_t bits = 0;
+        for (size_t i = 0; i < node.size(); ++i) bits |= Named(node[i], ConditionNames(category), "a condition");
+        return bits;
+    }
+
+    Text ReadText(const YAML::Node &node, const std::string &what) const {
+        if (node.IsMap()) source_.AllowKeys(node, {"text", "max_length"}, what);
+        const YAML::Node text_node = node.IsMap() ? source_.Required(node, "text", what) : node;
+        Text t;
+        if (!Utf8ToUtf16(source_.Text(text_node, what), t.units)) source_.Fail(text_node, what + " is not valid UTF-8");
+        if (t.units.size() > 0x7FFE) source_.Fail(text_node, what + " is longer than 32766 UTF-16 units");
+        t.max_length = uint32_t(t.units.size() * 2 + 2);
+        if (node.IsMap() && node["max_length"]) {
+            const uint32_t max = uint32_t(source_.Number(node["max_length"], "max_length", 0xFFFF));
+            if (max < t.max_length)
+                source_.Fail(node["max_length"], "max_length " + std::to_string(max) +
+                                                     " leaves no room for the text and its NUL (" +
+                                                     std::to_string(t.max_length) + " bytes)");
+            t.max_length = max;
+        }
+        return t;
+    }
+
+    std::vector<Text> Texts(const YAML::Node &map, const char *key) const {
+        std::vector<Text> texts;
+        const YAML::Node list = Sequence(map, key);
+        for (size_t i = 0; i < list.size(); ++i) texts.push_back(ReadText(list[i], std::string("an item of ") + key));
+        return texts;
+    }
+
+    std::vector<uint32_t> Words(const YAML::Node &map, const char *key) const {
+        std::vector<uint32_t> words;
+        const YAML::Node list = Sequence(map, key);
+        for (size_t i = 0; i < list.size(); ++i)
+            words.push_back(uint32_t(source_.Number(list[i], std::string("an item of ") + key, UINT32_MAX)));
+        return words;
+    }
+
+    // 'HH:MM:SS' (each part 0..255, as the word has a byte for each) or the
+    // raw word, whose upper five bytes the loader ignores.
+    uint64_t Time(const YAML::Node &map, const char *key) const {
+        const YAML::Node node = map[key];
+        if (!node) return 0;
+        if (!node.IsScalar() || node.Scalar().find(':') == std::string::npos)
+            return source_.Number(node, std::string("time ") + key);
+        const std::string &text = node.Scalar();
+        uint64_t word = 0;
+        size_t pos = 0;
+        for (int part = 0; part < 3; ++part) {
+            size_t digits = 0;
+            unsigned value = 0;
+            while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9' && digits < 3)
+                value = value * 10 + unsigned(text[pos++] - '0'), ++digits;
+            if (digits == 0 || value > 255 ||
+                (part < 2 ? pos >= text.size() || text[pos++] != ':' : pos != text.size()))
+                source_.Fail(node, std::string("time ") + key +
+                                       " must be HH:MM:SS (each part at most 255) or a number, not '" + text + "'");
+            word |= uint64_t(value) << (8 * (2 - part));  // byte 0 seconds, byte 1 minutes, byte 2 hours
+        }
+        return word;
+    }
+
+    void ReadGroup(const YAML::Node &node, const char *name, Group &g, uint32_t address_bit, uint32_t port_bit,
+                   uint32_t &implied) const {
+        if (!node) return;
+        source_.ExpectMap(node, name);
+        source_.AllowKeys(node, {"addresses", "ports", "port_ranges"}, name);
+        if (node["addresses"]) implied |= address_bit;
+        if (node["ports"] || node["port_ranges"]) implied |= port_bit;
+        g.addresses = Texts(node, "addresses");
+        g.ports = Words(node, "ports");
+        const YAML::Node ranges = Sequence(node, "port_ranges");
+        for (size_t i = 0; i < ranges.size(); ++i) {
+            const YAML::Node r = ranges[i];
+            // Nodes are bound once: assigning to a bound node would rewrite the document.
+            if (r.IsMap())
+                source_.AllowKeys(r, {"low", "high"}, "a port range");
+            else if (!r.IsSequence() || r.size() != 2)
+                source_.Fail(r, "a port range is [low, high] or {low: N, high: N}");
+            const YAML::Node low = r.IsMap() ? source_.Required(r, "low", "a port range") : r[0];
+            const YAML::Node high = r.IsMap() ? source_.Required(r, "high", "a port range") : r[1];
+            g.ranges.emplace_back(uint16_t(source_.Number(low, "a port", 0xFFFF)),
+                                  uint16_t(source_.Number(high, "a port", 0xFFFF)));
+        }
+    }
+
+    Filter ReadFilter(const YAML::Node &node, uint32_t category) const {
+        const std::string what = std::string("a ") + kCategories[category].name + " filter";
+        source_.ExpectMap(node, what);
+        switch (category) {
+            case kFile:
+                source_.AllowKeys(node,
+                                  {"conditions", "object_kind", "attributes", "size", "patterns", "actor_processes",
+                                   "actor_usernames", "time"},
+                                  what);
+                break;
+            case kRegistry:
+                source_.AllowKeys(
+                    node, {"conditions", "object_kind", "patterns", "actor_processes", "actor_usernames", "time"},
+                    what);
+                break;
+            case kProcess:
+                source_.AllowKeys(
+                    node, {"conditions", "value", "patterns", "actor_processes", "actor_usernames", "time"}, what);
+                break;
+            case kSystem:
+                source_.AllowKeys(node, {"conditions", "patterns", "actor_processes", "actor_usernames", "time"}, what);
+                break;
+            case kWhiteList: source_.AllowKeys(node, {"conditions", "arguments", "parents"}, what); break;
+            case kNetwork:
+                source_.AllowKeys(
+                    node, {"conditions", "protocol", "actor_processes", "actor_usernames", "local", "remote", "time"},
+                    what);
+                break;
+        }
+        Filter f;
+        uint32_t implied = 0;
+        auto present = [&](const char *key, uint32_t bit) {
+            if (node[key]) implied |= bit;
+            return bool(node[key]);
+        };
+        present("actor_processes", 0x10);
+        present("actor_usernames", 0x20);
+        if (const YAML::Node time = node["time"]) {
+            implied |= 0x40;
+            source_.ExpectMap(time, "time");
+            source_.AllowKeys(time, {"start", "end"}, "time");
+            f.start = Time(time, "start");
+            f.end = Time(time, "end");
+        }
+        f.actor_processes = Texts(node, "actor_processes");
+        f.usernames = Words(node, "actor_usernames");
+        if (category == kNetwork) {
+            if (present("protocol", 0x2000))
+                f.object_kind = uint32_t(source_.Number(node["protocol"], "protocol", UINT32_MAX));
+            ReadGroup(node["local"], "local", f.groups[0], 0x200, 0x800, implied);
+            ReadGroup(node["remote"], "remote", f.groups[1], 0x400, 0x1000, implied);
+        } else if (category == kWhiteList) {
+            present("arguments", 0x80);
+            present("parents", 0x100);
+            f.arguments = Texts(node, "arguments");
+            f.parents = Texts(node, "parents");
+        } else {
+            present("patterns", 0x2);
+            f.patterns = Texts(node, "patterns");
+            if (present("object_kind", 0x1))
+                f.object_kind = uint32_t(source_.Number(node["object_kind"], "object_kind", UINT32_MAX));
+            if (present("attributes", 0x4))
+                f.attributes = uint32_t(source_.Number(node["attributes"], "attributes", UINT32_MAX));
+            if (present("value", 0x8000)) f.value = uint16_t(source_.Number(node["value"], "value", 0xFFFF));
+            if (const YAML::Node size = node["size"]) {
+                implied |= 0x8;
+                source_.ExpectMap(size, "size");
+                source_.AllowKeys(size, {"op", "value"}, "size");
+                f.size_op = Named(source_.Required(size, "op", "size"), kSizeOperators, "size op");
+                f.size_value = source_.Number(source_.Required(size, "value", "size"), "size value");
+            }
+        }
+        f.conditions = node["conditions"] ? Conditions(node["conditions"], category) : implied;
+        return f;
+    }
+
+    std::vector<Filter> Filters(const YAML::Node &rule, const char *key, uint32_t category) const {
+        std::vector<Filter> filters;
+        const YAML::Node list = Sequence(rule, key);
+        for (size_t i = 0; i < list.size(); ++i) filters.push_back(ReadFilter(list[i], category));
+        return filters;
+    }
+
+    Rule ReadRule(const YAML::Node &node) const {
+        source_.ExpectMap(node, "a rule");
+        Rule r;
+        const YAML::Node category = source_.Required(node, "category", "a rule");
+        r.category = Named(category, kCategoryNames, "category");
+        if (r.category > kNetwork)
+            source_.Fail(category, "category " + category.Scalar() + " is out of range (at most 5)");
+        const std::string what = std::string("a ") + kCategories[r.category].name + " rule";
+        switch (r.category) {
+            case kFile:
+                source_.AllowKeys(node,
+                                  {"category", "type", "list", "contexts", "record_size", "flags", "path", "depth",
+                                   "operations", "operations2", "include", "exclude"},
+                                  what);
+                break;
+            case kRegistry:
+                source_.AllowKeys(node,
+                                  {"category", "type", "list", "contexts", "record_size", "path", "value_name", "depth",
+                                   "operations", "operations2", "include", "exclude"},
+                                  what);
+                break;
+            case kProcess:
+            case kSystem:
+                source_.AllowKeys(node,
+                                  {"category", "type", "list", "contexts", "record_size", "path", "depth", "operations",
+                                   "include", "exclude"},
+                                  what);
+                break;
+            case kWhiteList:
+                source_.AllowKeys(
+                    node, {"category", "type", "list", "contexts", "record_size", "path", "operations", "include"},
+                    what);
+                break;
+            case kNetwork:
+                source_.AllowKeys(
+                    node, {"category", "type", "list", "contexts", "record_size", "operations", "include", "exclude"},
+                    what);
+                break;
+        }
+        r.type = uint32_t(source_.Number(source_.Required(node, "type", what), "type", UINT32_MAX));
+        const uint32_t list = node["list"] ? Named(node["list"], kLists, "list") : r.category == kWhiteList ? 0 : 2;
+        const YAML::Node contexts = source_.Required(node, "contexts", what);
+        if (!contexts.IsSequence()) source_.Fail(contexts, "contexts must be a list");
+        if (contexts.size() == 0 && node["list"])
+            source_.Fail(node["list"], "list is the word of the first context, and the rule has no context");
+        for (size_t i = 0; i < contexts.size(); ++i) {
+            const YAML::Node entry = contexts[i];
+            source_.ExpectMap(entry, "a context");
+            source_.AllowKeys(entry, {"id", "list"}, "a context");
+            Context c;
+            const YAML::Node id = source_.Required(entry, "id", "a context");
+            if (!ParseRuleId(source_.Text(id, "id"), c.id))
+                source_.Fail(id, "id must be GUID text (6b1f3a52-8c0e-4f7a-9d21-0c5e7b9a3f10) or 32 hex digits");
+            c.list = entry["list"] ? Named(entry["list"], kLists, "list") : list;
+            if (i == 0 && node["list"] && c.list != list)
+                source_.Fail(entry["list"], "the first context's list is the rule's list, and the two differ");
+            r.contexts.push_back(c);
+        }
+        if (node["record_size"])
+            r.record_size = uint32_t(source_.Number(node["record_size"], "record_size", UINT32_MAX));
+        r.flags = uint32_t(source_.Field(node, "flags", 0, UINT32_MAX));
+        r.operations = uint32_t(source_.Field(node, "operations", 0, UINT32_MAX));
+        r.operations2 = uint32_t(source_.Field(node, "operations2", 0, UINT32_MAX));
+        if (HasPath(r.category)) r.path = ReadText(source_.Required(node, "path", what), "path");
+        if (node["value_name"]) r.value_name = ReadText(node["value_name"], "value_name");
+        if (const YAML::Node depth = node["depth"]) r.depth = Depth(depth);
+        r.include = Filters(node, "include", r.category);
+        r.exclude = Filters(node, "exclude", r.category);
+        return r;
+    }
+
+    int32_t Depth(const YAML::Node &node) const {
+        if (node.IsScalar() && node.Scalar() == "any") return -2;
+        const std::string text = node.IsScalar() ? node.Scalar() : "";
+        const bool negative = !text.empty() && text[0] == '-';
+        const std::string magnitude = negative ? text.substr(1) : text;
+        uint64_t m = 0;
+        size_t used = 0;
+        try {
+            if (!magnitude.empty() && std::isdigit(static_cast<unsigned char>(magnitude[0])))
+                m = std::stoull(magnitude, &used, 0);
+        } catch (...) {
+            used = 0;
+        }
+        if (!node.IsScalar() || used == 0 || used != magnitude.size())
+            source_.Fail(node, "depth must be a number or 'any', not '" + text + "'");
+        if (negative ? m > 0x80000000ull : m > 0x7FFFFFFFull) source_.Fail(node, "depth " + text + " is out of range");
+        return negative ? int32_t(-int64_t(m)) : int32_t(m);
+    }
+};
+
+// ---- Reading files ----
+
+// Thrown after a finding that leaves the rest of a record unreadable.
+struct Stop {};
+
+std::string Num(uint64_t v) { return std::to_string(v); }
+
+// Walks a file as the loader does. For `check` it gathers findings and
+// bounds each record by its RecordSize; for `dump` it stops at the first
+// problem and follows what each record holds, whatever its RecordSize says.
+class FileReader {
+public:
+    FileReader(const Bytes &bytes, bool dumping) : bytes_(bytes), in_{bytes}, dumping_(dumping) {}
+
+    std::vector<Finding> findings;
+
+    Policy Read() {
+        Policy p;
+        if (!in_.Has(0, kHeaderSize)) {
+            Error(0, "file is " + Num(bytes_.size()) + " bytes, shorter than the 36-byte header");
+            return p;
+        }
+        if (in_.U32(0) != kMagic) Error(0, "magic " + Hex(in_.U32(0)) + ", expected " + Hex(kMagic));
+        const uint32_t body_length = in_.U32(8);
+        if (!in_.Has(kHeaderSize, uint64_t(body_length) + 1)) {
+            Error(8, "BodyLength " + Num(body_length) + " needs a file of " + Num(kHeaderSize + body_length + 1) +
+                         " bytes; the file has " + Num(bytes_.size()));
+            return p;
+        }
+        const uint32_t sum = Checksum(bytes_.data() + kHeaderSize, body_length);
+        if (sum != in_.U32(4))
+            Error(4, "checksum " + Hex(in_.U32(4)) + " does not match the records (" + Hex(sum) + ")");
+        if (dumping_ && (bytes_.size() != kHeaderSize + body_length + 1 || bytes_[kHeaderSize + body_length] != 0))
+            Error(kHeaderSize + body_length, "the file does not end with the single zero byte a writer adds");
+        p.whitelist_capacity = in_.U32(28);
+        const uint64_t end = kHeaderSize + body_length;
+        past_ = dumping_ ? "BodyLength" : "the end of the record";
+        uint32_t whitelist_rules = 0;
+        for (uint64_t at = kHeaderSize; at < end;) {
+            if (end - at < kRecordFixed) {
+                Error(at, "a record's fixed 24 bytes run past BodyLength");
+                break;
+            }
+            if (in_.U32(at) != kRuleMagic) {
+                Error(at, "rule magic " + Hex(in_.U32(at)) + ", expected " + Hex(kRuleMagic));
+                break;
+            }
+            const uint32_t record_size = in_.U32(at + 4), category = in_.U32(at + 8);
+            if (!dumping_ && record_size == 0) {
+                Error(at + 4, "RecordSize 0: the loader's walk never ends");
+                break;
+            }
+            const bool size_fits = record_size <= end - at;
+            if (!dumping_ && !size_fits) Error(at + 4, "RecordSize " + Num(record_size) + " runs past BodyLength");
+            Rule rule;
+            uint64_t contents_end = 0;
+            try {
+                if (category > kNetwork)
+                    Fatal(at + 8, "RuleCategory " + Num(category) + ": the loader refuses anything above 5");
+                if (category == kWhiteList && ++whitelist_rules > p.whitelist_capacity)
+                    Refused(at, p.whitelist_capacity == 0
+                                    ? "a whitelist rule, and WhiteListRuleCapacity is 0: the loader refuses the policy"
+                                    : "whitelist rule " + Num(whitelist_rules) +
+                                          " is more than WhiteListRuleCapacity " + Num(p.whitelist_capacity) +
+                                          ": the set is full");
+                contents_end = ReadRule(at, dumping_ ? end : std::min(end, at + record_size), rule);
+            } catch (const Stop &) {
+            }
+            if (dumping_) {
+                if (contents_end - at != record_size) rule.record_size = record_size;
+                p.rules.push_back(rule);
+                at = contents_end;
+                continue;
+            }
+            if (contents_end && size_fits && contents_end < at + record_size)
+                Warn(contents_end, Num(at + record_size - contents_end) +
+                                       " bytes behind the rule's last filter, inside its RecordSize, are never read");
+            if (!size_fits) break;
+            at += record_size;
+        }
+        return p;
+    }
+
+private:
+    const Bytes &bytes_;
+    Reader in_;
+    bool dumping_;
+    std::string past_;  // what a read that goes too far runs past
+
+    uint32_t U32(uint64_t at) const { return in_.U32(at); }
+
+    // The loader refuses it, or its layout cannot be followed: named by both commands.
+    void Error(uint64_t at, const std::string &m) {
+        if (dumping_) throw std::runtime_error("offset " + Hex(at) + ": " + m);
+        findings.push_back({Finding::Error, at, m});
+    }
+    [[noreturn]] void Fatal(uint64_t at, const std::string &m) {
+        Error(at, m);
+        throw Stop{};
+    }
+    // The loader refuses it, yet a source can say it: check names it, dump prints it.
+    void Refused(uint64_t at, const std::string &m) {
+        if (!dumping_) findings.push_back({Finding::Error, at, m});
+    }
+    void Warn(uint64_t at, const std::string &m) {
+        if (!dumping_) findings.push_back({Finding::Warning, at, m});
+    }
+    // The loader takes it, and no source says it.
+    void Inexpressible(uint64_t at, const std::string &m) {
+        if (dumping_) throw std::runtime_error("offset " + Hex(at) + ": " + m);
+    }
+
+    void Need(uint64_t at, uint64_t size, uint64_t limit, uint64_t blame, const std::string &what) {
+        if (at > limit || size > limit - at) Fatal(blame, what + " runs past " + past_);
+    }
+
+    void Magic(uint64_t at, uint32_t expected, const std::string &what) {
+        if (U32(at) != expected) Error(at, what + " magic " + Hex(U32(at)) + ", expected " + Hex(expected));
+    }
+
+    // A string header at `header` with its text at `text`. The loader looks
+    // at the text of an empty value name only when its Length is not 0.
+    Text String(uint64_t header, uint64_t text, uint64_t limit, bool always_read = true) {
+        const uint32_t length = in_.U16(header), max = in_.U16(header + 2);
+        Need(text, max, limit, header + 2, "MaximumLength " + Num(max));
+        Text t;
+        t.max_length = max;
+        t.at = text;
+        const uint32_t nul = (length + 1) & ~1u;  // the first whole character behind the text
+        if (max < length)
+            Error(header + 2, "MaximumLength " + Num(max) + " is less than Length " + Num(length));
+        else if ((always_read || length) && (max < nul + 2 || in_.U16(text + nul) != 0))
+            Error(header,
+                  "the text of Length " + Num(length) + " has no NUL behind it within MaximumLength " + Num(max));
+        if (length & 1) {
+            Warn(header, "odd Length " + Num(length) + ": the text ends in half a character");
+            Inexpressible(header, "odd Length " + Num(length) + " cannot be written as text");
+        }
+        for (uint32_t i = 0; i + 1 < std::min(length, max); i += 2) t.units += char16_t(in_.U16(text + i));
+        return t;
+    }
+
+    std::vector<Text> Texts(uint64_t &cursor, uint64_t limit, uint32_t count, uint64_t count_at, const char *count_name,
+                            uint32_t magic, const char *kind) {
+        std::vector<Text> texts;
+        for (uint32_t i = 0; i < count; ++i) {
+            Need(cursor, 12, limit, count_at, std::string(count_name) + " " + Num(count));
+            Magic(cursor, magic, kind);
+            texts.push_back(String(cursor + 4, cursor + 12, limit));
+            cursor += 12 + texts.back().max_length;
+        }
+        return texts;
+    }
+
+    std::vector<uint32_t> Words(uint64_t &cursor, uint64_t limit, uint32_t count, uint64_t count_at,
+                                const char *count_name, uint32_t magic, const char *kind) {
+        std::vector<uint32_t> words;
+        for (uint32_t i = 0; i < count; ++i) {
+            Need(cursor, 8, limit, count_at, std::string(count_name) + " " + Num(count));
+            Magic(cursor, magic, kind);
+            words.push_back(U32(cursor + 4));
+            cursor += 8;
+        }
+        return words;
+    }
+
+    Filter ReadFilter(uint64_t &cursor, uint64_t limit, uint32_t category, bool first, uint64_t count_at,
+                      const std::string &count_text) {
+        const uint64_t at = cursor;
+        const bool network = category == kNetwork;
+        Need(at, network ? kNetworkFilterSize : kFilterSize, limit, count_at, count_text);
+        const std::string name = kCategories[category].name;
+        const uint32_t magic = U32(at), expected = kCategories[category].filter_magic;
+        if (magic != expected) {
+            const std::string m = name + " filter magic " + Hex(magic) + ", expected " + Hex(expected);
+            if (first) {
+                Error(at, m);
+            } else {
+                Warn(at, m + "; the loader tests only the first filter of a list and takes this one on trust");
+                Inexpressible(at, m);
+            }
+        }
+        Filter f;
+        f.conditions = U32(at + 4);
+        f.object_kind = U32(at + 8);
+        f.start = in_.U64(at + 48);
+        f.end = in_.U64(at + 56);
+        if ((f.conditions & 0xFFFF) == 0)
+            Refused(at + 4,
+                    "Conditions " + Hex(f.conditions) + " has none of the low 16 bits: the loader refuses the filter");
+        if (category == kFile && (f.conditions & 0x1) && (f.object_kind & 0xFF) == 0)
+            Refused(at + 8,
+                    "Conditions ask for the object kind, and the low byte of ObjectKind is 0: the loader refuses the "
+                    "filter");
+        cursor = at + (network ? kNetworkFilterSize : kFilterSize);
+        if (network) {
+            f.actor_processes = Texts(cursor, limit, U32(at + 12), at + 12, "ActorProcessCount", kActorProcessMagic,
+                                      "actor process record");
+            f.usernames = Words(cursor, limit, U32(at + 16), at + 16, "ActorUsernameCount", kActorUsernameMagic,
+                                "actor username record");
+            for (int g = 0; g < 2; ++g) {
+                const uint64_t counts = at + 20 + 12 * g;
+                auto &group = f.groups[g];
+                group.addresses = Texts(cursor, limit, U32(counts), counts,
+                                        g ? "address count of group 1" : "address count of group 0", kAddressMagic,
+                                        "network address record");
+                group.ports =
+                    Words(cursor, limit, U32(counts + 4), counts + 4,
+                          g ? "port count of group 1" : "port count of group 0", kPortMagic, "network port record");
+                for (const uint32_t w : Words(cursor, limit, U32(counts + 8), counts + 8,
+                                              g ? "port range count of group 1" : "port range count of group 0",
+                                              kRangeMagic, "network port range record"))
+                    group.ranges.emplace_back(uint16_t(w), uint16_t(w >> 16));
+            }
+            return f;
+        }
+        f.attributes = U32(at + 24);
+        f.value = in_.U16(at + 28);
+        f.size_op = U32(at + 32);
+        f.size_value = in_.U64(at + 40);
+        if (category == kWhiteList) {
+            const char *names[3] = {"FilterPatternCount", "ActorProcessCount", "ActorUsernameCount"};
+            for (int k = 0; k < 3; ++k)
+                if (U32(at + 12 + 4 * k) != 0)
+                    Fatal(at + 12 + 4 * k,
+                          std::string(names[k]) + " " + Num(U32(at + 12 + 4 * k)) +
+                              " in a whitelist filter: the loader refuses pattern and actor lists there");
+            f.arguments =
+                Texts(cursor, limit, U32(at + 64), at + 64, "ArgumentCount", kArgumentMagic, "argument record");
+            f.parents = Texts(cursor, limit, U32(at + 68), at + 68, "ParentProcessCount", kParentMagic,
+                              "parent process record");
+            return f;
+        }
+        f.patterns =
+            Texts(cursor, limit, U32(at + 12), at + 12, "FilterPatternCount", kPatternMagic, "filter pattern record");
+        f.actor_processes = Texts(cursor, limit, U32(at + 16), at + 16, "ActorProcessCount", kActorProcessMagic,
+                                  "actor process record");
+        f.usernames = Words(cursor, limit, U32(at + 20), at + 20, "ActorUsernameCount", kActorUsernameMagic,
+                            "actor username record");
+        return f;
+    }
+
+    void Filters(uint64_t &cursor, uint64_t limit, uint32_t category, uint64_t count_at, const char *count_name,
+                 std::vector<Filter> &filters) {
+        const uint32_t count = U32(count_at);
+        for (uint32_t i = 0; i < count; ++i)
+            filters.push_back(
+                ReadFilter(cursor, limit, category, i == 0, count_at, std::string(count_name) + " " + Num(count)));
+    }
+
+    // Reads the record at `at`, not past `limit`; gives the end of what it holds.
+    uint64_t ReadRule(uint64_t at, uint64_t limit, Rule &r) {
+        r.category = U32(at + 8);
+        r.type = U32(at + 12);
+        if (U32(at + 16) != kContextMagic)
+            Fatal(at + 16, "RuleContext magic " + Hex(U32(at + 16)) + ", expected " + Hex(kContextMagic));
+        const uint32_t count = U32(at + 20);
+        if (count == 0) Refused(at + 20, "context count 0: the parser refuses a rule without a context");
+        uint64_t cursor = at + kRecordFixed;
+        for (uint32_t i = 0; i < count; ++i) {
+            Need(cursor, kContextSize, limit, at + 20, "context count " + Num(count));
+            Context c;
+            c.list = U32(cursor);
+            std::copy(bytes_.begin() + int64_t(cursor) + 4, bytes_.begin() + int64_t(cursor) + 20, c.id);
+            r.contexts.push_back(c);
+            cursor += kContextSize;
+        }
+        if (count && r.category != kWhiteList && r.contexts[0].list != 1 && r.contexts[0].list != 2)
+            Warn(at + 24, "RuleList " + Num(r.contexts[0].list) +
+                              " is neither FIM (1) nor EDR (2): both list passes skip the rule");
+
+        const uint64_t body = cursor;
+        const std::string name = kCategories[r.category].name;
+        constexpr uint64_t kFixed[6] = {28, 28, 36, 40, 20, 16};
+        Need(body, kFixed[r.category], limit, body, "the " + name + " rule body");
+        if (U32(body) != kCategories[r.category].body_magic)
+            Fatal(body, name + " rule body magic " + Hex(U32(body)) + ", expected " +
+                            Hex(kCategories[r.category].body_magic));
+        uint64_t includes_at = 0, excludes_at = 0;
+        switch (r.category) {
+            case kFile:
+                r.flags = U32(body + 4);
+                r.depth = int32_t(U32(body + 16));
+                includes_at = body + 20, excludes_at = body + 24;
+                r.operations = U32(body + 28), r.operations2 = U32(body + 32);
+                r.path = String(body + 8, body + 36, limit);
+                cursor = body + 36 + r.path.max_length;
+                if (r.type == 2 && !(r.operations & 0x1BF))
+                    Refused(body + 28,
+                            "a file rule of type 2 needs a bit of 0x1BF in OperationMask " + Hex(r.operations));
+                else if (r.type == 3 && !(r.operations & 0x1BF) && !(r.operations2 & 0x137))
+                    Refused(
+                        body + 28,
+                        "a file rule of type 3 needs a bit of 0x1BF in OperationMask or of 0x137 in OperationMask2");
+                else if (r.type != 2 && r.type != 3)
+                    Warn(at + 12, "file rule type " + Num(r.type) +
+                                      ": the file matcher ends its walk with an error at this rule");
+                break;
+            case kRegistry:
+                r.depth = int32_t(U32(body + 20));
+                includes_at = body + 24, excludes_at = body + 28;
+                r.operations = U32(body + 32), r.operations2 = U32(body + 36);
+                r.path = String(body + 4, body + 40, limit);
+                r.value_name = String(body + 12, body + 40 + r.path.max_length, limit, false);
+                cursor = body + 40 + r.path.max_length + r.value_name.max_length;
+                if (((r.operations | r.operations2) & 0xFF) == 0)
+                    Refused(body + 32,
+                            "a registry rule needs a bit in the low byte of OperationMask or OperationMask2");
+                if (r.type != 4 && r.type != 5)
+                    Warn(at + 12, "registry rule type " + Num(r.type) + ": the registry matcher skips it");
+                break;
+            case kProcess:
+            case kSystem:
+                r.depth = int32_t(U32(body + 12));
+                includes_at = body + 16, excludes_at = body + 20;
+                r.operations = U32(body + 24);
+                r.path = String(body + 4, body + 28, limit);
+                cursor = body + 28 + r.path.max_length;
+                if (r.category == kProcess && !(r.operations & 0x7F))
+                    Refused(body + 24, "a process rule needs a bit of 0x7F in OperationMask " + Hex(r.operations));
+                if (r.category == kSystem && !(r.operations & 0x01))
+                    Refused(body + 24, "a system rule needs bit 0x1 in OperationMask " + Hex(r.operations));
+                if (r.category == kSystem && in_.U16(body + 4) == 0) Refused(body + 4, "a system rule needs a path");
+                break;
+            case kWhiteList:
+                includes_at = body + 12;
+                r.operations = U32(body + 16);
+                r.path = String(body + 4, body + 20, limit);
+                cursor = body + 20 + r.path.max_length;
+                if (r.type != 8 && r.type != 9)
+                    Warn(at + 12, "whitelist rule type " + Num(r.type) + ": it grants nothing");
+                break;
+            case kNetwork:
+                includes_at = body + 4, excludes_at = body + 8;
+                r.operations = U32(body + 12);
+                cursor = body + 16;
+                if (!(r.operations & 0x7))
+                    Refused(body + 12, "a network rule needs a bit of 0x7 in OperationMask " + Hex(r.operations));
+                break;
+        }
+        Filters(cursor, limit, r.category, includes_at, "IncludeCount", r.include);
+        if (excludes_at) Filters(cursor, limit, r.category, excludes_at, "ExcludeCount", r.exclude);
+        return cursor;
+    }
+};
+
+// ---- Printing sources ----
+
+void PutUtf8(std::string &out, uint32_t c) {
+    if (c < 0x80) {
+        out += char(c);
+    } else if (c < 0x800) {
+        out += char(0xC0 | c >> 6), out += char(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+        out += char(0xE0 | c >> 12), out += char(0x80 | (c >> 6 & 0x3F)), out += char(0x80 | (c & 0x3F));
+    } else {
+        out += char(0xF0 | c >> 18), out += char(0x80 | (c >> 12 & 0x3F)), out += char(0x80 | (c >> 6 & 0x3F)),
+            out += char(0x80 | (c & 0x3F));
+    }
+}
+
+// Characters that YAML takes as they stand inside quotes.
+bool Printable(uint32_t c) {
+    return (c >= 0x20 && c < 0x7F) || (c >= 0xA0 && c < 0xD800 && c != 0x2028 && c != 0x2029) ||
+           (c >= 0xE000 && c < 0xFFFE && c != 0xFEFF) || c >= 0x10000;
+}
+
+// A quoted YAML scalar: single quotes where they suffice, else double quotes
+// with escapes for what single quotes cannot carry.
+std::string Quote(const Text &t) {
+    std::vector<uint32_t> chars;
+    for (size_t i = 0; i < t.units.size(); ++i) {
+        uint32_t c = t.units[i];
+        if (c >= 0xD800 && c < 0xDC00 && i + 1 < t.units.size() && t.units[i + 1] >= 0xDC00 && t.units[i + 1] < 0xE000)
+            c = 0x10000 + ((c - 0xD800) << 10) + (t.units[++i] - 0xDC00);
+        else if (c >= 0xD800 && c < 0xE000)
+            throw std::runtime_error("offset " + Hex(t.at + 2 * i) + ": an unpaired surrogate " + Hex(c) +
+                                     " cannot be written as text");
+        chars.push_back(c);
+    }
+    std::string out;
+    if (std::all_of(chars.begin(), chars.end(), Printable)) {
+        out = "'";
+        for (uint32_t c : chars) {
+            if (c == '\'') out += '\'';
+            PutUtf8(out, c);
+        }
+        return out + "'";
+    }
+    out = "\"";
+    for (uint32_t c : chars) {
+        char buf[16];
+        if (c == '"' || c == '\\') {
+            out += '\\', out += char(c);
+        } else if (Printable(c)) {
+            PutUtf8(out, c);
+        } else {
+            std::snprintf(buf, sizeof buf, c < 0x100 ? "\\x%02X" : c < 0x10000 ? "\\u%04X" : "\\U%08X", c);
+            out += buf;
+        }
+    }
+    return out + "\"";
+}
+
+std::string Item(const Text &t) {
+    const std::string quoted = Quote(t);
+    if (t.max_length == t.units.size() * 2 + 2) return quoted;
+    return "{text: " + quoted + ", max_length: " + Num(t.max_length) + "}";
+}
+
+template <class T, class F>
+std::string Flow(const std::vector<T> &items, F print) {
+    std::string out = "[";
+    for (const auto &item : items) out += (out.size() > 1 ? ", " : "") + print(item);
+    return out + "]";
+}
+
+std::string Texts(const std::vector<Text> &texts) {
+    return Flow(texts, Item);
+}
+std::string Words(const std::vector<uint32_t> &words) {
+    return Flow(words, [](uint32_t w) { return Num(w); });
+}
+
+std::string NameOf(uint32_t value, std::span<const Name> names) {
+    for (const auto &n : names)
+        if (n.value == value) return n.name;
+    return Num(value);
+}
+
+// Names for the bits that have one, a number for the rest.
+std::string ConditionsText(uint32_t bits, uint32_t category) {
+    std::vector<std::string> parts;
+    for (const auto &n : ConditionNames(category))
+        if (bits & n.value) parts.push_back(n.name), bits &= ~n.value;
+    if (bits) parts.push_back(Hex(bits));
+    return Flow(parts, [](const std::string &p) { return p; });
+}
+
+std::string TimeText(uint64_t word) {
+    if (word >> 24) return Hex(word);
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "'%02u:%02u:%02u'", unsigned(word >> 16 & 0xFF), unsigned(word >> 8 & 0xFF),
+                  unsigned(word & 0xFF));
+    return buf;
+}
+
+void PrintFilters(std::ostringstream &out, const char *key, uint32_t category, const std::vector<Filter> &filters) {
+    out << "      " << key << ":" << (filters.empty() ? " []\n" : "\n");
+    for (const auto &f : filters) {
+        const char *pad = "          ";
+        out << "        - conditions: " << ConditionsText(f.conditions, category) << "\n";
+        if (category == kNetwork) out << pad << "protocol: " << Hex(f.object_kind) << "\n";
+        if (category == kFile || category == kRegistry) out << pad << "object_kind: " << Hex(f.object_kind) << "\n";
+        if (category == kFile) {
+            out << pad << "attributes: " << Hex(f.attributes) << "\n";
+            const std::string op =
+                f.size_op >= 1 && f.size_op <= 5 ? "'" + NameOf(f.size_op, kSizeOperators) + "'" : Num(f.size_op);
+            out << pad << "size: {op: " << op << ", value: " << f.size_value << "}\n";
+        }
+        if (category == kProcess) out << pad << "value: " << Hex(f.value) << "\n";
+        if (category == kWhiteList) {
+            out << pad << "arguments: " << Texts(f.arguments) << "\n";
+            out << pad << "parents: " << Texts(f.parents) << "\n";
+            continue;
+        }
+        if (category != kNetwork) out << pad << "patterns: " << Texts(f.patterns) << "\n";
+        out << pad << "actor_processes: " << Texts(f.actor_processes) << "\n";
+        out << pad << "actor_usernames: " << Words(f.usernames) << "\n";
+        if (category == kNetwork) {
+            const char *names[2] = {"local", "remote"};
+            for (int g = 0; g < 2; ++g) {
+                const auto &group = f.groups[g];
+                out << pad << names[g] << ": {addresses: " << Texts(group.addresses)
+                    << ", ports: " << Words(group.ports) << ", port_ranges: "
+                    << Flow(group.ranges, [](const auto &r) { return "[" + Num(r.first) + ", " + Num(r.second) + "]"; })
+                    << "}\n";
+            }
+        }
+        out << pad << "time: {start: " << TimeText(f.start) << ", end: " << TimeText(f.end) << "}\n";
+    }
+}
+
+std::string Print(const Policy &p) {
+    std::ostringstream out;
+    out << "monitor:\n";
+    out << "  whitelist_capacity: " << p.whitelist_capacity << "\n";
+    out << "  rules:" << (p.rules.empty() ? " []\n" : "\n");
+    for (const auto &r : p.rules) {
+        out << "    - category: " << kCategories[r.category].name << "\n";
+        out << "      type: " << r.type << "\n";
+        if (!r.contexts.empty()) out << "      list: " << NameOf(r.contexts[0].list, kLists) << "\n";
+        out << "      contexts:" << (r.contexts.empty() ? " []\n" : "\n");
+        for (const auto &c : r.contexts)
+            out << "        - {id: " << RuleIdText(c.id) << ", list: " << NameOf(c.list, kLists) << "}\n";
+        if (r.record_size) out << "      record_size: " << *r.record_size << "\n";
+        if (r.category == kFile) out << "      flags: " << Hex(r.flags) << "\n";
+        if (HasPath(r.category)) out << "      path: " << Item(r.path) << "\n";
+        if (r.category == kRegistry) out << "      value_name: " << Item(r.value_name) << "\n";
+        if (HasDepth(r.category))
+            out << "      depth: " << (r.depth == -2 ? std::string("any") : std::to_string(r.depth)) << "\n";
+        out << "      operations: " << Hex(r.operations) << "\n";
+        if (r.category == kFile || r.category == kRegistry) out << "      operations2: " << Hex(r.operations2) << "\n";
+        PrintFilters(out, "include", r.category, r.include);
+        if (HasExclude(r.category)) PrintFilters(out, "exclude", r.category, r.exclude);
+    }
+    return out.str();
+}
+
+}  // namespace
+
+Bytes CompileMonitor(const YAML::Node &body, const std::string &source_name) {
+    return Encode(SourceReader(source_name).Read(body));
+}
+
+std::string DumpMonitor(const Bytes &binary) {
+    FileReader reader(binary, true);
+    const std::string text = Print(reader.Read());
+    // What the reader does not keep (reserved words, fields a category does
+    // not read, text reference slots, padding) must be zero, as a writer
+    // leaves it: compiling the text back proves it, byte for byte.
+    const Bytes again = CompileText(text, "dump");
+    if (again != binary) {
+        size_t i = 8;
+        while (i < again.size() && i < binary.size() && again[i] == binary[i]) ++i;
+        if (i == again.size() && i == binary.size()) i = 4;
+        throw std::runtime_error("offset " + Hex(i) + ": the file holds " +
+                                 (i < binary.size() ? Hex(binary[i]) : "no byte") + " where a source can only put " +
+                                 (i < again.size() ? Hex(again[i]) : "no byte") +
+                                 " (a reserved or unread field, a text reference slot or padding)");
+    }
+    return text;
+}
+
+std::vector<Finding> CheckMonitor(const Bytes &binary) {
+    FileReader reader(binary, false);
+    reader.Read();
+    return reader.findings;
+}
+
+}  // namespace detail
+}  // namespace tpol
