@@ -4,6 +4,7 @@
 
 #include <hk/ntkernel.h>
 
+#include "rules/store.h"  // first: it sets up the library's export macros
 #include "include/texprt.h"
 #include "tools/tpol/lib/tpol.h"
 
@@ -132,6 +133,13 @@ std::map<std::string, StepHandler> MakeExports() {
             NTSTATUS(c.Number("status")));
         return StepOutcome{};
     };
+    t["TcUpdateEDRPolicies"] = [](StepContext &c) {
+        return Status(c.machine.Export<decltype(TcUpdateEDRPolicies)>("TcUpdateEDRPolicies")());
+    };
+    t["TcRevokeEDRPolicies"] = [](StepContext &c) {
+        c.machine.Export<decltype(TcRevokeEDRPolicies)>("TcRevokeEDRPolicies")();
+        return StepOutcome{};
+    };
     t["TcUpdateAppBlockingPolicy"] = [](StepContext &c) {
         return Status(c.machine.Export<decltype(TcUpdateAppBlockingPolicy)>("TcUpdateAppBlockingPolicy")());
     };
@@ -200,6 +208,30 @@ std::map<std::string, StepHandler> MakeActions() {
         if (!hk::RegistryDeleteValue(c.Text("key"), c.Text("name")))
             c.Error("delete_value: " + c.Text("name") + " is not under " + c.Text("key"));
         return StepOutcome{};
+    };
+    t["store"] = [](StepContext &c) {
+        // What the monitor store holds: rules per set of each family (null
+        // for a set that does not exist), the whitelist set, and the masks.
+        MonitorStoreSnapshot snapshot{};
+        c.machine.Export<VOID NTAPI(MonitorStoreSnapshot *)>("TexprtInspectMonitorStore")(&snapshot);
+        auto set = [](const MonitorSetSnapshot &s) { return s.Present ? json(s.RuleCount) : json(nullptr); };
+        const char *names[5] = {"file", "registry", "process", "system", "network"};
+        StepOutcome out;
+        const char *families[2] = {"edr", "fim"};
+        for (int f = 0; f < 2; ++f) {
+            json family = json::object();
+            for (int k = 0; k < 5; ++k) family[names[k]] = set(snapshot.Families[f][k]);
+            out.result[families[f]] = family;
+        }
+        out.result["whitelist"] = snapshot.WhiteList.Present
+                                      ? json{{"rules", snapshot.WhiteList.RuleCount}, {"capacity", snapshot.WhiteList.Capacity}}
+                                      : json(nullptr);
+        out.result["capture_mask"] = HexText(snapshot.CaptureMask, 2);
+        out.result["reg_key_notify_mask"] = HexText(snapshot.RegKeyNotifyMask);
+        out.result["reg_val_notify_mask"] = HexText(snapshot.RegValNotifyMask);
+        out.result["disk_notify_mask"] = HexText(snapshot.DiskNotifyMask);
+        out.result["network_notify_mask"] = HexText(snapshot.NetworkNotifyMask);
+        return out;
     };
     t["advance_clock"] = [](StepContext &c) {
         const int64_t ticks = int64_t(c.Number("seconds", 0)) * hk::kTicksPerSecond +
