@@ -6,7 +6,7 @@
 
 JOBS ?= 2
 FUZZ_SECONDS ?= 30
-FUZZ_TARGETS := appblocking_fuzz
+FUZZ_TARGETS := appblocking_fuzz monitor_fuzz
 HOST_PRESET ?= host-debug
 BUILD := build/$(HOST_PRESET)
 
