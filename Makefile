@@ -3,6 +3,7 @@
 #   make test     build, run every test, build and check the kernel images
 #   make driver   the kernel images only (texprt.sys, i686 and x64)
 #   make fuzz     build the fuzz targets and run each briefly (FUZZ_SECONDS)
+#   make bench    build the benchmarks optimised and run them
 
 JOBS ?= 2
 FUZZ_SECONDS ?= 30
@@ -10,7 +11,7 @@ FUZZ_TARGETS := appblocking_fuzz monitor_fuzz
 HOST_PRESET ?= host-debug
 BUILD := build/$(HOST_PRESET)
 
-.PHONY: all demo test driver fuzz host deps clean
+.PHONY: all demo test driver fuzz bench host deps clean
 
 all: host
 
@@ -34,6 +35,12 @@ fuzz: deps
 	@cmake --preset fuzz >/dev/null
 	@cmake --build --preset fuzz -j $(JOBS)
 	@for target in $(FUZZ_TARGETS); do fuzz/run $$target $(FUZZ_SECONDS) || exit 1; done
+
+# Timings mean something only in an optimised build.
+bench: deps
+	@cmake --preset host-release >/dev/null
+	@cmake --build --preset host-release --target benchmarks -j $(JOBS)
+	@for program in build/host-release/bench/*_bench; do $$program || exit 1; done
 
 # Both images are built before either is checked, and both are checked even
 # when one fails, so that one run reports everything.
