@@ -5,6 +5,7 @@
 #include "diagnostics/eventlog.h"
 #include "diagnostics/trace.h"
 #include "frame/helpers.h"
+#include "policy/policyfile.h"
 
 TEXPRT_ASSERT_LAYOUT32(sizeof(AppBlockingResult) == 32);
 TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(AppBlockingResult, RuleId) == 12);
@@ -16,11 +17,6 @@ volatile LONG64 PolicyFlags;
 ERESOURCE AppBlockingRuleLock;
 
 namespace {
-
-constexpr ACCESS_MASK PolicyFileAccess = 0x130089;  // FILE_GENERIC_READ | DELETE
-constexpr ULONG PolicyFileShare = 1;                // FILE_SHARE_READ
-constexpr ULONG PolicyFileOptions = 0x60;           // FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT
-constexpr ULONG FilePositionClass = 14;              // FilePositionInformation
 
 ULONG ReadUlong(const UCHAR *Bytes) {
     ULONG Value;
@@ -49,57 +45,10 @@ UCHAR NarrowLower(UCHAR Character) { return (Character >= 'A' && Character <= 'Z
 
 NTSTATUS ReadAppBlockingPolicyFile(PUNICODE_STRING Path, PUCHAR *ImageOut, ULONG *SizeOut) {
     if (Path == nullptr || ImageOut == nullptr || SizeOut == nullptr) return STATUS_INVALID_PARAMETER;
-    *ImageOut = nullptr;
-    *SizeOut = 0;
-
-    OBJECT_ATTRIBUTES Attributes;
-    // OBJ_KERNEL_HANDLE alone: the name is case-sensitive to the object manager.
-    InitializeObjectAttributes(&Attributes, Path, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-    HANDLE File = nullptr;
-    IO_STATUS_BLOCK Io;
-    NTSTATUS Status = ZwCreateFile(&File, PolicyFileAccess, &Attributes, &Io, nullptr, FILE_ATTRIBUTE_NORMAL,
-                                   PolicyFileShare, FILE_OPEN, PolicyFileOptions, nullptr, 0);
-    if (Status != STATUS_SUCCESS) return Status;
-
-    PUCHAR Image = nullptr;
-    AppBlockingFileHeader Header;
-    RtlZeroMemory(&Header, sizeof(Header));
-    UCHAR HeaderBytes[AppBlockingReadExtra] = {};
-    Status = ZwReadFile(File, nullptr, nullptr, nullptr, &Io, HeaderBytes, sizeof(HeaderBytes), nullptr, nullptr);
-    if (NT_SUCCESS(Status)) {
-        RtlCopyMemory(&Header, HeaderBytes, sizeof(Header));
-        if (Header.Magic != AppBlockingPolicyMagic) {
-            Status = STATUS_FILE_INVALID;
-        } else if (Header.DataSize > 0xFFFFFFFFu - AppBlockingReadExtra) {
-            // The image size would wrap: no buffer could hold such a file.
-            Status = STATUS_DATA_ERROR;
-        } else {
-            const ULONG Size = Header.DataSize + AppBlockingReadExtra;
-            Image = (PUCHAR)PoolAlloc(PagedPool, Size, TagAppBlocking);
-            if (Image == nullptr) {
-                Status = STATUS_INSUFFICIENT_RESOURCES;
-            } else {
-                FILE_POSITION_INFORMATION Position;
-                Position.CurrentByteOffset.QuadPart = 0;
-                Status = ZwSetInformationFile(File, &Io, &Position, sizeof(Position),
-                                              (FILE_INFORMATION_CLASS)FilePositionClass);
-                if (NT_SUCCESS(Status))
-                    Status = ZwReadFile(File, nullptr, nullptr, nullptr, &Io, Image, Size, nullptr, nullptr);
-                if (!NT_SUCCESS(Status)) {
-                    PoolFree(Image);
-                    Image = nullptr;
-                }
-            }
-        }
-    }
-    ZwClose(File);
-    if (!NT_SUCCESS(Status)) {
-        TRACE_STATUS(Status);
-        return Status;
-    }
-    *ImageOut = Image;
-    *SizeOut = Header.DataSize;
-    return STATUS_SUCCESS;
+    ULONG Found = 0;
+    const NTSTATUS Status = ReadPolicyFileImage(Path, AppBlockingPolicyMagic, TagAppBlocking, ImageOut, SizeOut, &Found);
+    if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
+    return Status;
 }
 
 NTSTATUS CreateAppBlockingRuleSet(ULONG Count, ProcessAppBlockingRuleSet **SetOut) {

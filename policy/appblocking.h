@@ -15,7 +15,6 @@ constexpr ULONG AppBlockingHashMagic = 0x42465301;
 constexpr ULONG AppBlockingFormatVersion = 1;
 
 constexpr ULONG AppBlockingHeaderSize = 32;
-constexpr ULONG AppBlockingReadExtra = 40;     // the reader takes DataSize + 40 bytes
 constexpr ULONG AppBlockingRecordFixedSize = 40;
 constexpr ULONG AppBlockingHashEntrySize = 138;
 constexpr ULONG AppBlockingDigestChars = 64;

@@ -20,27 +20,6 @@ constexpr ULONG FilterRecordVersion = 1;
 constexpr ULONG TextRecordHeaderSize = 12;  // magic and string header
 constexpr ULONG UsernameRecordSize = 8;
 
-// Appends one element to an exact-sized array: a new array of Count + 1,
-// the old elements copied across, the new last one filled by Fill. If Fill
-// fails the new array goes and the list stands as it was.
-template <typename Element, typename FillRoutine>
-NTSTATUS AppendElement(Element **Array, ULONG *Count, FillRoutine Fill) {
-    const ULONGLONG Bytes = ((ULONGLONG)*Count + 1) * sizeof(Element);
-    Element *Grown = Bytes <= 0xFFFFFFFFu ? (Element *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagFilter) : nullptr;
-    if (Grown == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
-    RtlZeroMemory(Grown, (SIZE_T)Bytes);
-    if (*Count != 0) RtlCopyMemory(Grown, *Array, (SIZE_T)*Count * sizeof(Element));
-    const NTSTATUS Status = Fill(&Grown[*Count]);
-    if (!NT_SUCCESS(Status)) {
-        PoolFree(Grown);
-        return Status;
-    }
-    PoolFree(*Array);
-    *Array = Grown;
-    *Count += 1;
-    return STATUS_SUCCESS;
-}
-
 template <typename Element>
 VOID FreeTextElements(Element **Array, ULONG *Count) {
     if (*Array != nullptr) {

@@ -6,13 +6,9 @@
 #include "diagnostics/eventlog.h"
 #include "diagnostics/trace.h"
 #include "frame/helpers.h"
+#include "policy/policyfile.h"
 
 namespace {
-
-constexpr ACCESS_MASK PolicyFileAccess = 0x130089;  // FILE_GENERIC_READ | DELETE
-constexpr ULONG PolicyFileShare = 1;                // FILE_SHARE_READ
-constexpr ULONG PolicyFileOptions = 0x60;           // FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT
-constexpr ULONG FilePositionClass = 14;              // FilePositionInformation
 
 template <typename Set>
 NTSTATUS CreateSet(ULONG Count, Set **SetOut) {
@@ -196,6 +192,32 @@ NTSTATUS AllocateRuleContextEntries(ULONG Count, RuleContextEntry **Entries) {
     return STATUS_SUCCESS;
 }
 
+NTSTATUS CopyRuleContexts(const RuleContextEntry *Contexts, ULONG Count, RuleContextEntry **Copy) {
+    const NTSTATUS Status = AllocateRuleContextEntries(Count, Copy);
+    if (NT_SUCCESS(Status)) RtlCopyMemory(*Copy, Contexts, (SIZE_T)Count * sizeof(RuleContextEntry));
+    return Status;
+}
+
+NTSTATUS ParseRecordHead(PUCHAR Record, ULONG RecordSize, ULONG BodyMagic, PCWSTR BodyLabel, ULONG FixedSize,
+                         ParsedRecord *Parsed) {
+    RtlZeroMemory(Parsed, sizeof(*Parsed));
+    Parsed->Category = PolicyUlong(Record + 8);
+    Parsed->RuleType = PolicyUlong(Record + 12);
+    NTSTATUS Status = ParseRuleContext(Record + 16, RecordSize - 16, &Parsed->Contexts, &Parsed->ContextCount);
+    if (!NT_SUCCESS(Status)) return Status;
+    const ULONG BodyOffset = RuleRecordFixedSize + Parsed->ContextCount * RuleContextFileEntrySize;
+    if (!PolicyFits(BodyOffset, sizeof(ULONG), RecordSize)) return STATUS_DATA_ERROR;
+    Parsed->Body = Record + BodyOffset;
+    Parsed->BodyAvailable = RecordSize - BodyOffset;
+    const ULONG Magic = PolicyUlong(Parsed->Body);
+    if (Magic != BodyMagic) {
+        ReportPolicyRecordMismatch(BodyLabel, Magic, BodyMagic & 0xFF);
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (!PolicyFits(0, FixedSize, Parsed->BodyAvailable)) return STATUS_DATA_ERROR;
+    return STATUS_SUCCESS;
+}
+
 NTSTATUS ParseRuleContext(const UCHAR *Block, ULONG Available, RuleContextEntry **Entries, ULONG *Count) {
     if (Block == nullptr || Entries == nullptr || Count == nullptr) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
@@ -227,58 +249,11 @@ NTSTATUS ReadMonitorPolicyFile(PUNICODE_STRING Path, PUCHAR *Image, ULONG *BodyL
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    *Image = nullptr;
-    *BodyLength = 0;
-
-    OBJECT_ATTRIBUTES Attributes;
-    // OBJ_KERNEL_HANDLE alone: the name is case-sensitive to the object manager.
-    InitializeObjectAttributes(&Attributes, Path, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-    HANDLE File = nullptr;
-    IO_STATUS_BLOCK Io;
-    NTSTATUS Status = ZwCreateFile(&File, PolicyFileAccess, &Attributes, &Io, nullptr, FILE_ATTRIBUTE_NORMAL,
-                                   PolicyFileShare, FILE_OPEN, PolicyFileOptions, nullptr, 0);
-    if (Status != STATUS_SUCCESS) return Status;
-
-    PUCHAR Buffer = nullptr;
-    UCHAR HeaderBytes[MonitorPolicyReadExtra] = {};
-    MonitorPolicyHeader Header;
-    RtlZeroMemory(&Header, sizeof(Header));
-    Status = ZwReadFile(File, nullptr, nullptr, nullptr, &Io, HeaderBytes, sizeof(HeaderBytes), nullptr, nullptr);
-    if (NT_SUCCESS(Status)) {
-        RtlCopyMemory(&Header, HeaderBytes, sizeof(Header));
-        if (Header.Magic != MonitorPolicyMagic) {
-            ReportPolicyVersionMismatch(WIDE("Policy Magic Number"), (USHORT)(Header.Magic & 0xFF),
-                                        (USHORT)MonitorPolicyVersion);
-            Status = STATUS_FILE_INVALID;
-        } else if (Header.BodyLength > 0xFFFFFFFFu - MonitorPolicyReadExtra) {
-            // The image size would wrap: no buffer could hold such a file.
-            Status = STATUS_DATA_ERROR;
-        } else {
-            const ULONG Size = Header.BodyLength + MonitorPolicyReadExtra;
-            Buffer = (PUCHAR)PoolAlloc(PagedPool, Size, TagPolicy);
-            if (Buffer == nullptr) {
-                Status = STATUS_INSUFFICIENT_RESOURCES;
-            } else {
-                FILE_POSITION_INFORMATION Position;
-                Position.CurrentByteOffset.QuadPart = 0;
-                Status = ZwSetInformationFile(File, &Io, &Position, sizeof(Position),
-                                              (FILE_INFORMATION_CLASS)FilePositionClass);
-                // What came is not measured: a short file leaves the tail as
-                // the pool gave it, and the checksum catches that.
-                if (NT_SUCCESS(Status))
-                    Status = ZwReadFile(File, nullptr, nullptr, nullptr, &Io, Buffer, Size, nullptr, nullptr);
-                if (!NT_SUCCESS(Status)) {
-                    PoolFree(Buffer);
-                    Buffer = nullptr;
-                }
-            }
-        }
-    }
-    ZwClose(File);
-    if (!NT_SUCCESS(Status)) return Status;
-    *Image = Buffer;
-    *BodyLength = Header.BodyLength;
-    return STATUS_SUCCESS;
+    ULONG Found = 0;
+    const NTSTATUS Status = ReadPolicyFileImage(Path, MonitorPolicyMagic, TagPolicy, Image, BodyLength, &Found);
+    if (Status == STATUS_FILE_INVALID)
+        ReportPolicyVersionMismatch(WIDE("Policy Magic Number"), (USHORT)(Found & 0xFF), (USHORT)MonitorPolicyVersion);
+    return Status;
 }
 
 NTSTATUS ParseMonitorPolicy(PUCHAR Image, MonitorRuleSets *EdrSets, MonitorRuleSets *FimSets,

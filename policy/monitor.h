@@ -6,6 +6,9 @@
 
 #include "platform/nt.h"
 
+#include "diagnostics/trace.h"
+#include "frame/helpers.h"
+
 // ---------------------------------------------------------------- the file
 // All numbers little-endian. Every magic word is compared whole; its low
 // byte is the version of its record.
@@ -13,7 +16,6 @@
 constexpr ULONG MonitorPolicyMagic = 0x54425003;  // version 3
 constexpr ULONG MonitorPolicyVersion = 3;
 constexpr ULONG MonitorPolicyHeaderSize = 36;
-constexpr ULONG MonitorPolicyReadExtra = 40;  // the reader takes BodyLength + 40 bytes
 
 constexpr ULONG RuleRecordMagic = 0x52480001;
 constexpr ULONG RuleContextMagic = 0x52434801;
@@ -404,3 +406,60 @@ static inline BOOLEAN PolicyFits(ULONGLONG Offset, ULONGLONG Size, ULONG Availab
 }
 // Reports a record of the wrong version through the event log.
 VOID ReportPolicyRecordMismatch(PCWSTR Label, ULONG Found, ULONG Expected);
+
+// The parts of a record that every rule family finds the same way.
+struct ParsedRecord {
+    ULONG Category;
+    ULONG RuleType;
+    RuleContextEntry *Contexts;  // temporary: the caller frees it when its parse ends
+    ULONG ContextCount;
+    PUCHAR Body;
+    ULONG BodyAvailable;  // bytes from Body to the record's end
+};
+// The contexts, then the body's magic (reported with Label on a mismatch)
+// and its FixedSize bytes, all held against the record.
+NTSTATUS ParseRecordHead(PUCHAR Record, ULONG RecordSize, ULONG BodyMagic, PCWSTR BodyLabel, ULONG FixedSize,
+                         ParsedRecord *Parsed);
+
+// Appends one element to an exact-sized array: a new array of Count + 1,
+// zeroed, the old elements copied across, the new last one filled by Fill.
+// If Fill fails the new array goes and the list stands as it was. Growth
+// by one costs an allocation and a copy, which only a load pays.
+template <typename Element, typename FillRoutine>
+NTSTATUS AppendElement(Element **Array, ULONG *Count, FillRoutine Fill) {
+    const ULONGLONG Bytes = ((ULONGLONG)*Count + 1) * sizeof(Element);
+    Element *Grown = Bytes <= 0xFFFFFFFFu ? (Element *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagFilter) : nullptr;
+    if (Grown == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
+    RtlZeroMemory(Grown, (SIZE_T)Bytes);
+    if (*Count != 0) RtlCopyMemory(Grown, *Array, (SIZE_T)*Count * sizeof(Element));
+    const NTSTATUS Status = Fill(&Grown[*Count]);
+    if (!NT_SUCCESS(Status)) {
+        PoolFree(Grown);
+        return Status;
+    }
+    PoolFree(*Array);
+    *Array = Grown;
+    *Count += 1;
+    return STATUS_SUCCESS;
+}
+
+// Adds a body at the set's RuleCount: Init fills the zeroed slot and, when
+// it fails, must leave nothing allocated; the slot is cleared again and the
+// set unchanged. The caller has checked the set's room.
+template <typename Set, typename Body, typename InitRoutine>
+NTSTATUS AddRuleBody(Set *Target, Body **Rule, InitRoutine Init) {
+    Body *Slot = &Target->Rules[Target->RuleCount];
+    RtlZeroMemory(Slot, sizeof(*Slot));
+    const NTSTATUS Status = Init(Slot);
+    if (!NT_SUCCESS(Status)) {
+        RtlZeroMemory(Slot, sizeof(*Slot));
+        TRACE_STATUS(Status);
+        return Status;
+    }
+    Target->RuleCount += 1;
+    *Rule = Slot;
+    return STATUS_SUCCESS;
+}
+
+// A body's own copy of its contexts.
+NTSTATUS CopyRuleContexts(const RuleContextEntry *Contexts, ULONG Count, RuleContextEntry **Copy);

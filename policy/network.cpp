@@ -16,21 +16,10 @@ constexpr ULONG NetworkFilterHeaderSize = 64;
 
 NTSTATUS AppendNetworkFilter(NetworkRuleFilter **List, ULONG *Count, ULONG Conditions, ULONG ObjectKind,
                              NetworkRuleFilter **Added) {
-    const ULONGLONG Bytes = ((ULONGLONG)*Count + 1) * sizeof(NetworkRuleFilter);
-    auto *Grown = Bytes <= 0xFFFFFFFFu ? (NetworkRuleFilter *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagFilter) : nullptr;
-    if (Grown == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
-    RtlZeroMemory(Grown, (SIZE_T)Bytes);
-    if (*Count != 0) RtlCopyMemory(Grown, *List, (SIZE_T)*Count * sizeof(NetworkRuleFilter));
-    const NTSTATUS Status = InitNetworkRuleFilter(&Grown[*Count], Conditions, ObjectKind);
-    if (!NT_SUCCESS(Status)) {
-        PoolFree(Grown);
-        return Status;
-    }
-    PoolFree(*List);
-    *List = Grown;
-    *Added = &Grown[*Count];
-    *Count += 1;
-    return STATUS_SUCCESS;
+    const NTSTATUS Status = AppendElement(
+        List, Count, [&](NetworkRuleFilter *Filter) { return InitNetworkRuleFilter(Filter, Conditions, ObjectKind); });
+    if (NT_SUCCESS(Status)) *Added = &(*List)[*Count - 1];
+    return Status;
 }
 
 typedef NTSTATUS NetworkListLoader(NetworkRuleFilter *, PUCHAR, ULONG, ULONG, ULONG, ULONG *);
@@ -121,21 +110,13 @@ NTSTATUS AddMonitorNetworkRule(MonitorNetworkRuleSet *Set, ULONG RuleCategory, U
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    NetworkRuleBody *Body = &Set->Rules[Set->RuleCount];
-    RtlZeroMemory(Body, sizeof(*Body));
-    const NTSTATUS Status = AllocateRuleContextEntries(ContextCount, &Body->Contexts);
-    if (!NT_SUCCESS(Status)) {
-        TRACE_STATUS(Status);
-        return Status;
-    }
-    RtlCopyMemory(Body->Contexts, Contexts, (SIZE_T)ContextCount * sizeof(RuleContextEntry));
-    Body->RuleCategory = RuleCategory;
-    Body->RuleType = RuleType;
-    Body->ContextCount = ContextCount;
-    Body->OperationMask = OperationMask;
-    Set->RuleCount += 1;
-    *Rule = Body;
-    return STATUS_SUCCESS;
+    return AddRuleBody(Set, Rule, [&](NetworkRuleBody *Body) {
+        Body->RuleCategory = RuleCategory;
+        Body->RuleType = RuleType;
+        Body->ContextCount = ContextCount;
+        Body->OperationMask = OperationMask;
+        return CopyRuleContexts(Contexts, ContextCount, &Body->Contexts);
+    });
 }
 
 NTSTATUS ParseMonitorNetworkRule(MonitorNetworkRuleSet *Set, PUCHAR Record, ULONG RecordSize) {
@@ -143,37 +124,25 @@ NTSTATUS ParseMonitorNetworkRule(MonitorNetworkRuleSet *Set, PUCHAR Record, ULON
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    RuleContextEntry *Contexts = nullptr;
-    ULONG ContextCount = 0;
-    NTSTATUS Status = ParseRuleContext(Record + 16, RecordSize - 16, &Contexts, &ContextCount);
+    ParsedRecord Parsed;
+    NetworkRuleBody *Rule = nullptr;
+    NTSTATUS Status = ParseRecordHead(Record, RecordSize, NetworkBodyMagic, WIDE("Network Rule Body Header"),
+                                      NetworkBodyFixedSize, &Parsed);
+    if (NT_SUCCESS(Status))
+        Status = AddMonitorNetworkRule(Set, Parsed.Category, Parsed.RuleType, Parsed.Contexts, Parsed.ContextCount,
+                                       PolicyUlong(Parsed.Body + 12), &Rule);
     if (NT_SUCCESS(Status)) {
-        const ULONG BodyOffset = RuleRecordFixedSize + ContextCount * RuleContextFileEntrySize;
-        PUCHAR Body = Record + BodyOffset;
-        NetworkRuleBody *Rule = nullptr;
-        if (!PolicyFits(BodyOffset, sizeof(ULONG), RecordSize)) {
-            Status = STATUS_DATA_ERROR;
-        } else if (PolicyUlong(Body) != NetworkBodyMagic) {
-            ReportPolicyRecordMismatch(WIDE("Network Rule Body Header"), PolicyUlong(Body), 1);
-            Status = STATUS_INVALID_PARAMETER;
-        } else if (!PolicyFits(BodyOffset, NetworkBodyFixedSize, RecordSize)) {
-            Status = STATUS_DATA_ERROR;
-        } else {
-            Status = AddMonitorNetworkRule(Set, PolicyUlong(Record + 8), PolicyUlong(Record + 12), Contexts,
-                                           ContextCount, PolicyUlong(Body + 12), &Rule);
-        }
-        if (NT_SUCCESS(Status)) {
-            // The exclude list starts exactly behind what the include list consumed.
-            const ULONG ListsAvailable = RecordSize - BodyOffset - NetworkBodyFixedSize;
-            ULONG Size = 0;
-            Status = LoadNetworkFilterList(&Rule->IncludeFilters, &Rule->IncludeCount, Body + NetworkBodyFixedSize,
-                                           PolicyUlong(Body + 4), ListsAvailable, &Size);
-            if (NT_SUCCESS(Status))
-                Status = LoadNetworkFilterList(&Rule->ExcludeFilters, &Rule->ExcludeCount,
-                                               Body + NetworkBodyFixedSize + Size, PolicyUlong(Body + 8),
-                                               ListsAvailable - Size, &Size);
-        }
+        // The exclude list starts exactly behind what the include list consumed.
+        PUCHAR Lists = Parsed.Body + NetworkBodyFixedSize;
+        const ULONG ListsAvailable = Parsed.BodyAvailable - NetworkBodyFixedSize;
+        ULONG Size = 0;
+        Status = LoadNetworkFilterList(&Rule->IncludeFilters, &Rule->IncludeCount, Lists, PolicyUlong(Parsed.Body + 4),
+                                       ListsAvailable, &Size);
+        if (NT_SUCCESS(Status))
+            Status = LoadNetworkFilterList(&Rule->ExcludeFilters, &Rule->ExcludeCount, Lists + Size,
+                                           PolicyUlong(Parsed.Body + 8), ListsAvailable - Size, &Size);
     }
-    PoolFree(Contexts);
+    PoolFree(Parsed.Contexts);
     if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
     return Status;
 }

@@ -46,25 +46,13 @@ NTSTATUS InitKindFilter(const PathRuleKind &Kind, RuleFilter *Filter, ULONG Cond
     }
 }
 
-// Appends one filter to a list: the array grows by one, and a failure
-// leaves the list as it was.
+// Appends one filter to a list; a failure leaves the list as it was.
 NTSTATUS AppendFilter(const PathRuleKind &Kind, RuleFilter **List, ULONG *Count, ULONG Conditions,
                       ULONG ObjectKind, RuleFilter **Added) {
-    const ULONGLONG Bytes = ((ULONGLONG)*Count + 1) * sizeof(RuleFilter);
-    auto *Grown = Bytes <= 0xFFFFFFFFu ? (RuleFilter *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagFilter) : nullptr;
-    if (Grown == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
-    RtlZeroMemory(Grown, (SIZE_T)Bytes);
-    if (*Count != 0) RtlCopyMemory(Grown, *List, (SIZE_T)*Count * sizeof(RuleFilter));
-    const NTSTATUS Status = InitKindFilter(Kind, &Grown[*Count], Conditions, ObjectKind);
-    if (!NT_SUCCESS(Status)) {
-        PoolFree(Grown);
-        return Status;
-    }
-    PoolFree(*List);
-    *List = Grown;
-    *Added = &Grown[*Count];
-    *Count += 1;
-    return STATUS_SUCCESS;
+    const NTSTATUS Status = AppendElement(
+        List, Count, [&](RuleFilter *Filter) { return InitKindFilter(Kind, Filter, Conditions, ObjectKind); });
+    if (NT_SUCCESS(Status)) *Added = &(*List)[*Count - 1];
+    return Status;
 }
 
 // One list of Count filters from Cursor. Only the first filter's magic is
@@ -153,9 +141,8 @@ VOID FreeFilterLists(Body *Rule, ULONG Category) {
 // nothing is left allocated.
 NTSTATUS InitBodyCommon(const RuleContextEntry *Contexts, ULONG ContextCount, PCUNICODE_STRING Path,
                         BOOLEAN DropTrailingBackslash, RuleContextEntry **ContextsOut, PUNICODE_STRING PathOut) {
-    NTSTATUS Status = AllocateRuleContextEntries(ContextCount, ContextsOut);
+    NTSTATUS Status = CopyRuleContexts(Contexts, ContextCount, ContextsOut);
     if (!NT_SUCCESS(Status)) return Status;
-    RtlCopyMemory(*ContextsOut, Contexts, (SIZE_T)ContextCount * sizeof(RuleContextEntry));
     Status = CompilePolicyText(PathOut, Path);
     if (!NT_SUCCESS(Status)) {
         PoolFree(*ContextsOut);
@@ -167,38 +154,6 @@ NTSTATUS InitBodyCommon(const RuleContextEntry *Contexts, ULONG ContextCount, PC
         PathOut->Buffer[Chars - 1] = 0;
         PathOut->Length -= sizeof(WCHAR);
     }
-    return STATUS_SUCCESS;
-}
-
-// The parts of a record that every kind finds the same way.
-struct ParsedRecord {
-    ULONG Category;
-    ULONG RuleType;
-    RuleContextEntry *Contexts;
-    ULONG ContextCount;
-    PUCHAR Body;
-    ULONG BodyAvailable;  // bytes from Body to the record's end
-};
-
-// Contexts, then the body magic and fixed part. The temporary context array
-// is the caller's to free.
-NTSTATUS ParseRecordHead(PUCHAR Record, ULONG RecordSize, ULONG BodyMagic, PCWSTR BodyLabel, ULONG FixedSize,
-                         ParsedRecord *Parsed) {
-    RtlZeroMemory(Parsed, sizeof(*Parsed));
-    Parsed->Category = PolicyUlong(Record + 8);
-    Parsed->RuleType = PolicyUlong(Record + 12);
-    NTSTATUS Status = ParseRuleContext(Record + 16, RecordSize - 16, &Parsed->Contexts, &Parsed->ContextCount);
-    if (!NT_SUCCESS(Status)) return Status;
-    const ULONG BodyOffset = RuleRecordFixedSize + Parsed->ContextCount * RuleContextFileEntrySize;
-    if (!PolicyFits(BodyOffset, sizeof(ULONG), RecordSize)) return STATUS_DATA_ERROR;
-    Parsed->Body = Record + BodyOffset;
-    Parsed->BodyAvailable = RecordSize - BodyOffset;
-    const ULONG Magic = PolicyUlong(Parsed->Body);
-    if (Magic != BodyMagic) {
-        ReportPolicyRecordMismatch(BodyLabel, Magic, BodyMagic & 0xFF);
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (!PolicyFits(0, FixedSize, Parsed->BodyAvailable)) return STATUS_DATA_ERROR;
     return STATUS_SUCCESS;
 }
 
@@ -280,24 +235,17 @@ NTSTATUS AddMonitorFileRule(MonitorFileRuleSet *Set, ULONG RuleCategory, ULONG R
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    FileRuleBody *Body = &Set->Rules[Set->RuleCount];
-    RtlZeroMemory(Body, sizeof(*Body));
-    const NTSTATUS Status = InitBodyCommon(Contexts, ContextCount, Path, TRUE, &Body->Contexts, &Body->Path);
-    if (!NT_SUCCESS(Status)) {
-        RtlZeroMemory(Body, sizeof(*Body));
-        TRACE_STATUS(Status);
+    return AddRuleBody(Set, Rule, [&](FileRuleBody *Body) {
+        const NTSTATUS Status = InitBodyCommon(Contexts, ContextCount, Path, TRUE, &Body->Contexts, &Body->Path);
+        Body->RuleCategory = RuleCategory;
+        Body->RuleType = RuleType;
+        Body->ContextCount = ContextCount;
+        Body->Depth = Depth;
+        Body->OperationMask = OperationMask;
+        Body->OperationMask2 = OperationMask2;
+        Body->RuleFlags = RuleFlags;
         return Status;
-    }
-    Body->RuleCategory = RuleCategory;
-    Body->RuleType = RuleType;
-    Body->ContextCount = ContextCount;
-    Body->Depth = Depth;
-    Body->OperationMask = OperationMask;
-    Body->OperationMask2 = OperationMask2;
-    Body->RuleFlags = RuleFlags;
-    Set->RuleCount += 1;
-    *Rule = Body;
-    return STATUS_SUCCESS;
+    });
 }
 
 NTSTATUS ParseMonitorFileRule(MonitorFileRuleSet *Set, PUCHAR Record, ULONG RecordSize) {
@@ -336,30 +284,23 @@ NTSTATUS AddMonitorRegistryRule(MonitorRegistryRuleSet *Set, ULONG RuleCategory,
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    RegistryRuleBody *Body = &Set->Rules[Set->RuleCount];
-    RtlZeroMemory(Body, sizeof(*Body));
-    NTSTATUS Status = InitBodyCommon(Contexts, ContextCount, Path, TRUE, &Body->Contexts, &Body->Path);
-    if (NT_SUCCESS(Status) && ValueName != nullptr && ValueName->Length != 0) {
-        Status = CompilePolicyText(&Body->ValueName, ValueName);
-        if (!NT_SUCCESS(Status)) {
-            PoolFree(Body->Contexts);
-            FreeUnicodeString(&Body->Path);
+    return AddRuleBody(Set, Rule, [&](RegistryRuleBody *Body) {
+        NTSTATUS Status = InitBodyCommon(Contexts, ContextCount, Path, TRUE, &Body->Contexts, &Body->Path);
+        if (NT_SUCCESS(Status) && ValueName != nullptr && ValueName->Length != 0) {
+            Status = CompilePolicyText(&Body->ValueName, ValueName);
+            if (!NT_SUCCESS(Status)) {
+                PoolFree(Body->Contexts);
+                FreeUnicodeString(&Body->Path);
+            }
         }
-    }
-    if (!NT_SUCCESS(Status)) {
-        RtlZeroMemory(Body, sizeof(*Body));
-        TRACE_STATUS(Status);
+        Body->RuleCategory = RuleCategory;
+        Body->RuleType = RuleType;
+        Body->ContextCount = ContextCount;
+        Body->Depth = Depth;
+        Body->OperationMask = OperationMask;
+        Body->OperationMask2 = OperationMask2;
         return Status;
-    }
-    Body->RuleCategory = RuleCategory;
-    Body->RuleType = RuleType;
-    Body->ContextCount = ContextCount;
-    Body->Depth = Depth;
-    Body->OperationMask = OperationMask;
-    Body->OperationMask2 = OperationMask2;
-    Set->RuleCount += 1;
-    *Rule = Body;
-    return STATUS_SUCCESS;
+    });
 }
 
 NTSTATUS ParseMonitorRegistryRule(MonitorRegistryRuleSet *Set, PUCHAR Record, ULONG RecordSize) {
@@ -401,23 +342,16 @@ NTSTATUS AddProcessLikeRule(MonitorRuleSet<ProcessRuleBody> *Set, ULONG RuleCate
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    ProcessRuleBody *Body = &Set->Rules[Set->RuleCount];
-    RtlZeroMemory(Body, sizeof(*Body));
-    // A process rule keeps a trailing backslash; a system rule drops one.
-    const NTSTATUS Status = InitBodyCommon(Contexts, ContextCount, Path, IsSystem, &Body->Contexts, &Body->Path);
-    if (!NT_SUCCESS(Status)) {
-        RtlZeroMemory(Body, sizeof(*Body));
-        TRACE_STATUS(Status);
+    return AddRuleBody(Set, Rule, [&](ProcessRuleBody *Body) {
+        // A process rule keeps a trailing backslash; a system rule drops one.
+        const NTSTATUS Status = InitBodyCommon(Contexts, ContextCount, Path, IsSystem, &Body->Contexts, &Body->Path);
+        Body->RuleCategory = RuleCategory;
+        Body->RuleType = RuleType;
+        Body->ContextCount = ContextCount;
+        Body->Depth = Depth;
+        Body->OperationMask = OperationMask;
         return Status;
-    }
-    Body->RuleCategory = RuleCategory;
-    Body->RuleType = RuleType;
-    Body->ContextCount = ContextCount;
-    Body->Depth = Depth;
-    Body->OperationMask = OperationMask;
-    Set->RuleCount += 1;
-    *Rule = Body;
-    return STATUS_SUCCESS;
+    });
 }
 
 template <typename Set>

@@ -37,47 +37,28 @@ NTSTATUS AddMonitorWhiteListRule(MonitorWhiteListRuleSet *Set, ULONG RuleCategor
         return STATUS_INVALID_PARAMETER;
     }
     if (Set->RuleCount >= Set->Capacity) return STATUS_BUFFER_OVERFLOW;
-    WhiteListRuleBody *Body = &Set->Rules[Set->RuleCount];
-    RtlZeroMemory(Body, sizeof(*Body));
     // Any OperationMask is taken, 0 included, and the path keeps a trailing
     // backslash.
-    NTSTATUS Status = AllocateRuleContextEntries(ContextCount, &Body->Contexts);
-    if (NT_SUCCESS(Status)) {
-        RtlCopyMemory(Body->Contexts, Contexts, (SIZE_T)ContextCount * sizeof(RuleContextEntry));
-        Status = CompilePolicyText(&Body->Path, Path);
-        if (!NT_SUCCESS(Status)) PoolFree(Body->Contexts);
-    }
-    if (!NT_SUCCESS(Status)) {
-        RtlZeroMemory(Body, sizeof(*Body));
-        TRACE_STATUS(Status);
+    return AddRuleBody(Set, Rule, [&](WhiteListRuleBody *Body) {
+        NTSTATUS Status = CopyRuleContexts(Contexts, ContextCount, &Body->Contexts);
+        if (NT_SUCCESS(Status)) {
+            Status = CompilePolicyText(&Body->Path, Path);
+            if (!NT_SUCCESS(Status)) PoolFree(Body->Contexts);
+        }
+        Body->RuleCategory = RuleCategory;
+        Body->RuleType = RuleType;
+        Body->ContextCount = ContextCount;
+        Body->OperationMask = OperationMask;
         return Status;
-    }
-    Body->RuleCategory = RuleCategory;
-    Body->RuleType = RuleType;
-    Body->ContextCount = ContextCount;
-    Body->OperationMask = OperationMask;
-    Set->RuleCount += 1;
-    *Rule = Body;
-    return STATUS_SUCCESS;
+    });
 }
 
 NTSTATUS AddWhiteListFilter(WhiteListRuleBody *Rule, ULONG Conditions, RuleFilter **FilterOut) {
     if (Rule == nullptr || FilterOut == nullptr) return STATUS_INVALID_PARAMETER;
-    const ULONGLONG Bytes = ((ULONGLONG)Rule->IncludeCount + 1) * sizeof(RuleFilter);
-    auto *Grown = Bytes <= 0xFFFFFFFFu ? (RuleFilter *)PoolAlloc(DefaultPool, (ULONG)Bytes, TagFilter) : nullptr;
-    if (Grown == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
-    RtlZeroMemory(Grown, (SIZE_T)Bytes);
-    if (Rule->IncludeCount != 0) RtlCopyMemory(Grown, Rule->IncludeFilters, (SIZE_T)Rule->IncludeCount * sizeof(RuleFilter));
-    const NTSTATUS Status = InitRuleFilter(&Grown[Rule->IncludeCount], Conditions, 0);
-    if (!NT_SUCCESS(Status)) {
-        PoolFree(Grown);
-        return Status;
-    }
-    PoolFree(Rule->IncludeFilters);
-    Rule->IncludeFilters = Grown;
-    *FilterOut = &Grown[Rule->IncludeCount];
-    Rule->IncludeCount += 1;
-    return STATUS_SUCCESS;
+    const NTSTATUS Status = AppendElement(&Rule->IncludeFilters, &Rule->IncludeCount,
+                                          [Conditions](RuleFilter *Filter) { return InitRuleFilter(Filter, Conditions, 0); });
+    if (NT_SUCCESS(Status)) *FilterOut = &Rule->IncludeFilters[Rule->IncludeCount - 1];
+    return Status;
 }
 
 NTSTATUS LoadWhiteListFilters(WhiteListRuleBody *Rule, PUCHAR Records, ULONG Count, ULONG Reserved,
@@ -144,36 +125,24 @@ NTSTATUS ParseMonitorWhiteListRule(MonitorWhiteListRuleSet *Set, PUCHAR Record, 
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    RuleContextEntry *Contexts = nullptr;
-    ULONG ContextCount = 0;
-    NTSTATUS Status = ParseRuleContext(Record + 16, RecordSize - 16, &Contexts, &ContextCount);
+    ParsedRecord Parsed;
+    UNICODE_STRING Path;
+    WhiteListRuleBody *Rule = nullptr;
+    NTSTATUS Status = ParseRecordHead(Record, RecordSize, WhiteListBodyMagic, WIDE("Whitelist Rule Body Header"),
+                                      WhiteListBodyFixedSize, &Parsed);
+    if (NT_SUCCESS(Status))
+        Status = ReadPolicyString(Parsed.Body + 4, Parsed.Body + WhiteListBodyFixedSize,
+                                  Parsed.BodyAvailable - WhiteListBodyFixedSize, FALSE, &Path);
+    if (NT_SUCCESS(Status))
+        Status = AddMonitorWhiteListRule(Set, Parsed.Category, Parsed.RuleType, Parsed.Contexts, Parsed.ContextCount,
+                                         &Path, PolicyUlong(Parsed.Body + 16), &Rule);
     if (NT_SUCCESS(Status)) {
-        const ULONG BodyOffset = RuleRecordFixedSize + ContextCount * RuleContextFileEntrySize;
-        PUCHAR Body = Record + BodyOffset;
-        UNICODE_STRING Path;
-        WhiteListRuleBody *Rule = nullptr;
-        if (!PolicyFits(BodyOffset, sizeof(ULONG), RecordSize)) {
-            Status = STATUS_DATA_ERROR;
-        } else if (PolicyUlong(Body) != WhiteListBodyMagic) {
-            ReportPolicyRecordMismatch(WIDE("Whitelist Rule Body Header"), PolicyUlong(Body), 2);
-            Status = STATUS_INVALID_PARAMETER;
-        } else if (!PolicyFits(BodyOffset, WhiteListBodyFixedSize, RecordSize)) {
-            Status = STATUS_DATA_ERROR;
-        } else {
-            const ULONG TextOffset = BodyOffset + WhiteListBodyFixedSize;
-            Status = ReadPolicyString(Body + 4, Record + TextOffset, RecordSize - TextOffset, FALSE, &Path);
-            if (NT_SUCCESS(Status))
-                Status = AddMonitorWhiteListRule(Set, PolicyUlong(Record + 8), PolicyUlong(Record + 12), Contexts,
-                                                 ContextCount, &Path, PolicyUlong(Body + 16), &Rule);
-            if (NT_SUCCESS(Status)) {
-                const ULONG ListsOffset = TextOffset + Path.MaximumLength;
-                ULONG Size = 0;
-                Status = LoadWhiteListFilters(Rule, Record + ListsOffset, PolicyUlong(Body + 12), 0,
-                                              RecordSize - ListsOffset, &Size);
-            }
-        }
+        const ULONG ListsOffset = WhiteListBodyFixedSize + Path.MaximumLength;
+        ULONG Size = 0;
+        Status = LoadWhiteListFilters(Rule, Parsed.Body + ListsOffset, PolicyUlong(Parsed.Body + 12), 0,
+                                      Parsed.BodyAvailable - ListsOffset, &Size);
     }
-    PoolFree(Contexts);
+    PoolFree(Parsed.Contexts);
     if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
     return Status;
 }

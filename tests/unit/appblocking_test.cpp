@@ -3,7 +3,7 @@
 #include "frame/frame.h"
 #include "frame/helpers.h"
 #include "policy/appblocking.h"
-#include "support/machine.h"
+#include "support/library_test.h"
 #include "tpol.h"
 
 #include <atomic>
@@ -13,17 +13,11 @@ using namespace texprt_test;
 
 namespace {
 
-class AppBlockingTest : public MachineTest {
+class AppBlockingTest : public LibraryTest {
 protected:
-    void SetUp() override {
-        MachineTest::SetUp();
-        ExInitializeFastMutex(&MonitorObjectLock);
-        MonitorObjects[PreferredMonitorObject] = hk::CreateDriverObject("\\Driver\\tmon");
-    }
     void TearDown() override {
         ClearAppBlockingRuleSet();
-        MonitorObjects[PreferredMonitorObject] = nullptr;
-        MachineTest::TearDown();
+        LibraryTest::TearDown();
     }
     // The image the file reader would give: the file and pool bytes behind it.
     static std::vector<uint8_t> Image(const std::string &yaml) {

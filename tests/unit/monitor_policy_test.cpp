@@ -4,7 +4,7 @@
 #include "frame/frame.h"
 #include "frame/helpers.h"
 #include "policy/monitor.h"
-#include "support/machine.h"
+#include "support/library_test.h"
 #include "tpol.h"
 
 #include <cstring>
@@ -14,17 +14,11 @@ using namespace texprt_test;
 
 namespace {
 
-class MonitorPolicyTest : public MachineTest {
+class MonitorPolicyTest : public LibraryTest {
 protected:
-    void SetUp() override {
-        MachineTest::SetUp();
-        ExInitializeFastMutex(&MonitorObjectLock);
-        MonitorObjects[PreferredMonitorObject] = hk::CreateDriverObject("\\Driver\\tmon");
-    }
     void TearDown() override {
         Release();
-        MonitorObjects[PreferredMonitorObject] = nullptr;
-        MachineTest::TearDown();
+        LibraryTest::TearDown();
     }
     // The image the file reader would give: the file and pool bytes behind it.
     static std::vector<uint8_t> Image(const std::string &yaml) { return Padded(tpol::CompileText(yaml)); }

@@ -3,7 +3,7 @@
 // swapped under them.
 #include "frame/frame.h"
 #include "rules/store.h"
-#include "support/machine.h"
+#include "support/library_test.h"
 #include "tpol.h"
 
 #include <atomic>
@@ -13,17 +13,11 @@ using namespace texprt_test;
 
 namespace {
 
-class MonitorStoreTest : public MachineTest {
+class MonitorStoreTest : public LibraryTest {
 protected:
-    void SetUp() override {
-        MachineTest::SetUp();
-        ExInitializeFastMutex(&MonitorObjectLock);
-        MonitorObjects[PreferredMonitorObject] = hk::CreateDriverObject("\\Driver\\tmon");
-    }
     void TearDown() override {
         RemoveMonitorRuleSets();
-        MonitorObjects[PreferredMonitorObject] = nullptr;
-        MachineTest::TearDown();
+        LibraryTest::TearDown();
     }
     static void Install(const std::string &yaml) {
         auto image = tpol::CompileText(yaml);
