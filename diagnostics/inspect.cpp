@@ -1,6 +1,6 @@
 // Inspection entries of the host image: what texprt-sim and the tests show
-// of the library's internal state. Not part of texprt.sys, whose exports are
-// the monitors' interface alone.
+// of the library's internal state. texprt.sys leaves them out: its exports
+// are the monitors' interface alone.
 #include "platform/nt.h"
 
 #if !defined(_WIN32)

@@ -179,8 +179,8 @@ private:
 extern "C" {
 
 // The first component of a path and the rest after its separator, both
-// pointing into the caller's buffer. One leading backslash is not part of
-// the first name; any further backslash ends it at once, so "\\a" gives an
+// pointing into the caller's buffer. One leading backslash is skipped
+// before the first name; any further backslash ends it at once, so "\\a" gives an
 // empty first name and "a" as the rest. When a separator follows the first
 // name the rest starts just past it, even if nothing follows (a trailing
 // backslash gives an empty rest there); with no separator the rest stays the
