@@ -44,6 +44,151 @@ typedef struct _AppBlockingResult {
     UCHAR Reserved;
 } AppBlockingResult;
 
+/* The acting process of an event, as one flat block: the fixed part below,
+ * then without any alignment the texts of Win32ImagePath and ImageFileName
+ * (UTF-16, no terminator), the self-relative security descriptor and the
+ * user SID. Its size is 32 plus the four lengths. */
+#pragma pack(push, 4)
+typedef struct _ActorInformation {
+    ULONG ProcessId;
+    ULONG ThreadId;
+    ULONG SecurityInformation;
+    LARGE_INTEGER CreateTime;
+    USHORT Win32ImagePathLength;
+    USHORT ImageFileNameLength;
+    ULONG SecurityDescriptorLength;
+    UCHAR SidLength;
+    UCHAR Reserved[3];
+} ActorInformation;
+#pragma pack(pop)
+
+/* ------------------------------------------------------------------ filter event objects
+ * The matcher's view of one event. The caller owns the object and zero-fills
+ * it; Initialize stores the target, Add the time and the actor, a
+ * TcTFeMatches... call gives the verdict, and Cleanup frees what the library
+ * hung off the object (never the object). Every name is an upper-cased
+ * private copy with a NUL behind it. */
+
+/* ObjectType values, one bit each. */
+#define TEXPRT_OBJECT_FILE 0x01
+#define TEXPRT_OBJECT_DIRECTORY 0x02
+#define TEXPRT_OBJECT_REGISTRY_KEY 0x04
+#define TEXPRT_OBJECT_REGISTRY_VALUE 0x08
+#define TEXPRT_OBJECT_PROCESS 0x10
+#define TEXPRT_OBJECT_SYSTEM 0x20
+#define TEXPRT_OBJECT_NETWORK 0x80
+
+/* When and who. File, registry and system objects borrow the caller's actor
+ * block, which must outlive the match; process and network objects own a
+ * copy. */
+typedef struct _EventInfo {
+    ULONGLONG EventTime; /* system time, 100 ns units */
+    ULONG ActorInfoSize;
+    ActorInformation *ActorInfo;
+} EventInfo;
+
+typedef struct _FileObject {
+    UNICODE_STRING Name; /* one trailing backslash removed */
+    ULONG ObjectType;
+    ULONG Attributes;
+    ULONGLONG Size;
+    struct _EventInfo EventInfo;
+    USHORT Operation;
+    /* A view of the first PrefixLength bytes of Name: the volume, which a
+     * rule path of "*" stands for. Not owned. */
+    UNICODE_STRING VolumePrefix;
+} FileObject;
+
+typedef struct _RegistryObject {
+    UNICODE_STRING KeyName; /* one trailing backslash removed */
+    UNICODE_STRING ValueName; /* empty for a key event */
+    ULONG ObjectType;
+    struct _EventInfo EventInfo;
+    USHORT Operation;
+    /* The monitor's own string; Cleanup frees its buffer when ExtraNameOwned
+     * is non-zero. The library never writes either. */
+    UNICODE_STRING ExtraName;
+    UCHAR ExtraNameOwned;
+} RegistryObject;
+
+typedef struct _ProcessObject {
+    UNICODE_STRING Name; /* keeps a trailing backslash */
+    ULONG ObjectType;
+    struct _EventInfo EventInfo;
+    USHORT Operation;
+    /* Written by the monitor: 0 for ordinary matching, else the code that
+     * code filters compare with. */
+    USHORT ProcessCode;
+} ProcessObject;
+
+typedef struct _SystemObject {
+    UNICODE_STRING Name; /* one trailing backslash removed */
+    ULONG ObjectType;
+    struct _EventInfo EventInfo;
+} SystemObject;
+
+typedef struct _NetworkObject {
+    ULONG ObjectType;
+    struct _EventInfo EventInfo;
+    USHORT Operation;    /* 1, 2 or 4 */
+    USHORT ProtocolBits; /* written by the monitor */
+    USHORT LocalPort;
+    USHORT RemotePort;
+    UNICODE_STRING LocalAddress;
+    UNICODE_STRING RemoteAddress; /* empty when none was given */
+} NetworkObject;
+
+typedef struct _WhiteListObject {
+    UNICODE_STRING ImagePath;
+    UNICODE_STRING CommandLine;     /* optional */
+    UNICODE_STRING ParentImagePath; /* optional */
+} WhiteListObject;
+
+/* A process's whitelist standing. ExemptMasks bits: 1 process, 2 system,
+ * 4 file, 8 network, 16 registry. Words 0 and 1 exempt from the EDR rule
+ * sets, words 2 and 3 from the FIM rule sets. */
+typedef struct _WhiteListState {
+    UCHAR WhiteListHeader;
+    UCHAR UnknownRuleSeen;
+    ULONG ExemptMasks[4];
+} WhiteListState;
+
+/* One context of a matched rule: the rule's list word and 16-byte rule id,
+ * its flag byte (file rules only) and the event's ExclusionSeen at the time
+ * the rule matched. */
+typedef struct _MatchedContext {
+    ULONG RuleList;
+    ULONG RuleId[4];
+    UCHAR RuleFlags;
+    UCHAR ExclusionSeen;
+    UCHAR Reserved[2];
+} MatchedContext;
+
+/* The verdict of a match: Status is STATUS_SUCCESS when any rule matched and
+ * STATUS_UNSUCCESSFUL otherwise (the call's own status only says whether
+ * matching ran). The masks are the union over the matched rules; Contexts
+ * lists every matched rule's contexts in rule order and is freed by
+ * TcTFeCleanupResult. Zero-fill a result before its first use, and reuse it
+ * only for matches of the same kind. */
+typedef struct _FilterResult {
+    NTSTATUS Status;
+    ULONG FileOperations;
+    ULONG DirectoryOperations;
+    ULONG KeyOperations;
+    ULONG ValueOperations;
+    ULONG ProcessOperations;
+    ULONG SystemOperations;
+    ULONG NetworkOperations;
+    ULONG ContextCount;
+    MatchedContext *Contexts;
+    WhiteListState WhiteList;
+    UCHAR RuleFlags;     /* OR of the matched file rules' flags */
+    UCHAR ExclusionSeen; /* bit 0: an exclude filter with the username test matched */
+} FilterResult;
+
+/* FileObject rule flag bit: the rule is in its baseline phase. */
+#define TEXPRT_RULE_FLAG_BASELINE 0x02
+
 /* ------------------------------------------------------------------ lifecycle */
 
 TEXPRT_API NTSTATUS NTAPI DllInitialize(PUNICODE_STRING RegistryPath);
@@ -116,6 +261,74 @@ TEXPRT_API VOID NTAPI TcRevokeAppBlockingPolicy(VOID);
  * verdict is Result->Matched. */
 TEXPRT_API NTSTATUS NTAPI TcTFeMatchesProcessAppBlockingRuleSet(const UCHAR *Digest, AppBlockingResult *Result);
 TEXPRT_API UCHAR NTAPI TcIsHBBProcessSHA256SupportEnabled(VOID);
+
+/* ------------------------------------------------------------------ filter event objects */
+
+/* ObjectType must have bit 0 or 1 set. PrefixLength: bytes of the name that
+ * name the volume. */
+TEXPRT_API NTSTATUS NTAPI TcTFeInitializeFileObject(FileObject *Object, PCUNICODE_STRING Name, USHORT PrefixLength,
+                                                    ULONG ObjectType, ULONG Attributes, ULONG SizeLow,
+                                                    ULONG SizeHigh);
+TEXPRT_API NTSTATUS NTAPI TcTFeAddFileEventInfo(FileObject *Object, ULONG TimeLow, ULONG TimeHigh,
+                                                ActorInformation *Actor, ULONG ActorSize, USHORT Operation);
+TEXPRT_API NTSTATUS NTAPI TcTFeCleanupFileObject(FileObject *Object);
+/* ObjectType must have bit 2 or 3 set. ValueName may be null. */
+TEXPRT_API NTSTATUS NTAPI TcTFeInitializeRegistryObject(RegistryObject *Object, PCUNICODE_STRING KeyName,
+                                                        PCUNICODE_STRING ValueName, ULONG ObjectType);
+TEXPRT_API NTSTATUS NTAPI TcTFeAddRegistryEventInfo(RegistryObject *Object, ULONG TimeLow, ULONG TimeHigh,
+                                                    ActorInformation *Actor, ULONG ActorSize, USHORT Operation);
+TEXPRT_API NTSTATUS NTAPI TcTFeCleanupRegistryObject(RegistryObject *Object);
+TEXPRT_API NTSTATUS NTAPI TcTFeInitializeProcessObject(ProcessObject *Object, PCUNICODE_STRING Name);
+/* Copies the actor block: the caller's may go once this returns. */
+TEXPRT_API NTSTATUS NTAPI TcTFeAddProcessEventInfo(ProcessObject *Object, ULONG TimeLow, ULONG TimeHigh,
+                                                   ActorInformation *Actor, ULONG ActorSize, USHORT Operation);
+TEXPRT_API NTSTATUS NTAPI TcTFeCleanupProcessObject(ProcessObject *Object);
+TEXPRT_API NTSTATUS NTAPI TcTFeInitializeSystemObject(SystemObject *Object, PCUNICODE_STRING Name);
+TEXPRT_API NTSTATUS NTAPI TcTFeAddSystemEventInfo(SystemObject *Object, ULONG TimeLow, ULONG TimeHigh,
+                                                  ActorInformation *Actor, ULONG ActorSize);
+TEXPRT_API NTSTATUS NTAPI TcTFeCleanupSystemObject(SystemObject *Object);
+/* LocalAddress is required; RemoteAddress may be null. */
+TEXPRT_API NTSTATUS NTAPI TcTFeInitializeNetworkObject(NetworkObject *Object, USHORT LocalPort, USHORT RemotePort,
+                                                       PCUNICODE_STRING LocalAddress,
+                                                       PCUNICODE_STRING RemoteAddress);
+/* Copies the actor block: the caller's may go once this returns. */
+TEXPRT_API NTSTATUS NTAPI TcTFeAddNetworkEventInfo(NetworkObject *Object, ULONG TimeLow, ULONG TimeHigh,
+                                                   ActorInformation *Actor, ULONG ActorSize, USHORT Operation);
+TEXPRT_API NTSTATUS NTAPI TcTFeCleanupNetworkObject(NetworkObject *Object);
+/* CommandLine and ParentImagePath may be null. */
+TEXPRT_API NTSTATUS NTAPI TcTFeInitializeWhiteListObject(WhiteListObject *Object, PCUNICODE_STRING ImagePath,
+                                                         PCUNICODE_STRING CommandLine,
+                                                         PCUNICODE_STRING ParentImagePath);
+TEXPRT_API NTSTATUS NTAPI TcTFeCleanupWhiteListObject(WhiteListObject *Object);
+/* Frees Contexts and resets the result for its next match. */
+TEXPRT_API NTSTATUS NTAPI TcTFeCleanupResult(FilterResult *Result);
+
+/* ------------------------------------------------------------------ monitor matching
+ * Every rule of the EDR and then the FIM set of the kind is visited, unless
+ * State exempts the process from that family; the result is the union of
+ * all matching rules. The status says whether matching ran; the verdict is
+ * Result->Status. At PASSIVE_LEVEL or APC_LEVEL. */
+
+TEXPRT_API NTSTATUS NTAPI TcTFeMatchesMonitorFileRuleSet(FileObject *Object, WhiteListState *State,
+                                                         FilterResult *Result);
+TEXPRT_API NTSTATUS NTAPI TcTFeMatchesMonitorRegistryRuleSet(RegistryObject *Object, WhiteListState *State,
+                                                             FilterResult *Result);
+TEXPRT_API NTSTATUS NTAPI TcTFeMatchesMonitorProcessRuleSet(ProcessObject *Object, WhiteListState *State,
+                                                            FilterResult *Result);
+TEXPRT_API NTSTATUS NTAPI TcTFeMatchesMonitorSystemRuleSet(SystemObject *Object, WhiteListState *State,
+                                                           FilterResult *Result);
+/* The EDR network set only. */
+TEXPRT_API NTSTATUS NTAPI TcTFeMatchesMonitorNetworkRuleSet(NetworkObject *Object, WhiteListState *State,
+                                                            FilterResult *Result);
+/* Is any file rule's path at or below \device\mup (a network share)? */
+TEXPRT_API BOOLEAN NTAPI TcTFeIsMonitorFileRuleSetHasUNCRule(VOID);
+/* Clears the baseline flag of the FIM file rules named by the entries (the
+ * first file rule carrying each entry's rule id). Size is in bytes. */
+TEXPRT_API NTSTATUS NTAPI TcTFeUnsetBaselineFlagFileRuleSet(MatchedContext *Entries, ULONG Size);
+/* Is Name the rule path itself or a path below it? One trailing backslash
+ * on either side is ignored. */
+TEXPRT_API BOOLEAN NTAPI TcTFeIsSubPathOfRulePath(PCUNICODE_STRING RulePath, PCUNICODE_STRING Name,
+                                                  BOOLEAN IgnoreCase);
 
 /* ------------------------------------------------------------------ event log */
 

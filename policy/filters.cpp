@@ -132,9 +132,9 @@ NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLE
 TimeOfDay DecodeTimeOfDay(ULONGLONG Word) {
     // No range check: the bytes are taken as they stand.
     TimeOfDay Time;
-    Time.Second = (USHORT)(Word & 0xFF);
-    Time.Minute = (USHORT)((Word >> 8) & 0xFF);
-    Time.Hour = (USHORT)((Word >> 16) & 0xFF);
+    Time.Second = (SHORT)(Word & 0xFF);
+    Time.Minute = (SHORT)((Word >> 8) & 0xFF);
+    Time.Hour = (SHORT)((Word >> 16) & 0xFF);
     return Time;
 }
 

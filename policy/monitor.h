@@ -93,10 +93,11 @@ struct TextFilterElement {  // arguments, parent processes and network addresses
     ULONG PatternFlags;
 };
 
+// Signed, as the matchers compare times of day as signed numbers.
 struct TimeOfDay {
-    USHORT Hour;
-    USHORT Minute;
-    USHORT Second;
+    SHORT Hour;
+    SHORT Minute;
+    SHORT Second;
 };
 
 // RuleFilter Conditions bits.
@@ -110,6 +111,12 @@ constexpr ULONG ConditionTime = 0x40;
 constexpr ULONG ConditionArguments = 0x80;
 constexpr ULONG ConditionParentProcess = 0x100;
 constexpr ULONG ConditionFilterValue = 0x8000;
+// NetworkRuleFilter Conditions bits beyond the actor, username and time ones.
+constexpr ULONG ConditionLocalAddress = 0x200;
+constexpr ULONG ConditionRemoteAddress = 0x400;
+constexpr ULONG ConditionLocalPort = 0x800;
+constexpr ULONG ConditionRemotePort = 0x1000;
+constexpr ULONG ConditionProtocol = 0x2000;
 
 // One condition set of a rule. A zeroed filter is a valid empty one.
 struct RuleFilter {
