@@ -96,6 +96,9 @@ private:
 // The step table: every export that exists so far, and the machine actions.
 const std::map<std::string, StepHandler> &Exports();
 const std::map<std::string, StepHandler> &Actions();
+// The filter event steps: the `event` action and the file rule queries.
+void AddEventActions(std::map<std::string, StepHandler> &actions);
+void AddEventExports(std::map<std::string, StepHandler> &exports);
 
 // Bytes from hexadecimal digits (white space ignored); an error names the step.
 std::vector<uint8_t> HexBytes(const std::string &text, const std::string &file, const YAML::Node &node);

@@ -159,6 +159,7 @@ std::map<std::string, StepHandler> MakeExports() {
         out.result["Reserved"] = result.Reserved;
         return out;
     };
+    AddEventExports(t);
     return t;
 }
 
@@ -239,6 +240,7 @@ std::map<std::string, StepHandler> MakeActions() {
         hk::AdvanceClock(ticks);
         return StepOutcome{};
     };
+    AddEventActions(t);
     return t;
 }
 
