@@ -80,7 +80,7 @@ int64_t SystemTime();
 void SetTimeZoneBias(int64_t bias);
 constexpr int64_t kTicksPerSecond = 10'000'000;
 // 2026-01-01 00:00:00 UTC.
-constexpr int64_t kDefaultBootTime = 134117568000000000LL;
+constexpr int64_t kDefaultBootTime = 134116992000000000LL;
 
 // Runs DPCs queued with KeInsertQueueDpc (manual clock; the real clock runs
 // them on its timer thread).
