@@ -172,11 +172,15 @@ NTSTATUS NTAPI RtlAppendUnicodeToString(PUNICODE_STRING Destination, PCWSTR Sour
 
 LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2, BOOLEAN CaseInSensitive) {
     const size_t n1 = String1->Length / 2, n2 = String2->Length / 2, n = n1 < n2 ? n1 : n2;
+    // Matchers compare names that are mostly upper-cased already: equal
+    // characters need no folding, and the table is looked up once.
+    const char16_t *table = CaseInSensitive ? hk::detail::UpcaseTable().data() : nullptr;
     for (size_t i = 0; i < n; ++i) {
         char16_t a = String1->Buffer[i], b = String2->Buffer[i];
-        if (CaseInSensitive) {
-            a = UpcaseChar(a);
-            b = UpcaseChar(b);
+        if (a == b) continue;
+        if (table != nullptr) {
+            a = table[a];
+            b = table[b];
         }
         if (a != b) return LONG(a) - LONG(b);
     }
