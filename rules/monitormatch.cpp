@@ -21,6 +21,18 @@ constexpr USHORT AnyProcessCode = 3;
 
 BOOLEAN StartsWithStar(PCUNICODE_STRING Path) { return Path->Length != 0 && Path->Buffer[0] == WIDE('*'); }
 
+// A process or system filter: patterns below the rule path, then the actor,
+// username and time conditions, each tested whatever the earlier ones gave.
+BOOLEAN EveryConditionMatches(const RuleFilter *Filter, PCUNICODE_STRING Name, PCUNICODE_STRING Base,
+                              const EventInfo *Event) {
+    ConditionTally Tally = {};
+    if (Filter->Conditions & ConditionPatterns)
+        Tally.Record(ConditionPatterns,
+                     MatchesNamePatterns(Name, Base, Filter->FilterPatternCount, Filter->FilterPatterns));
+    TallyActorConditions(Filter, Event, FALSE, &Tally);
+    return Tally.Matches();
+}
+
 // ---------------------------------------------------------------- registry
 
 BOOLEAN RegistryFilterMatches(const RuleFilter *Filter, const RegistryRuleBody *Rule, const RegistryObject *Object) {
@@ -93,12 +105,7 @@ BOOLEAN ProcessFilterMatches(const RuleFilter *Filter, const ProcessRuleBody *Ru
     if (Object->ProcessCode != 0)
         return (Filter->Conditions & ConditionFilterValue) != 0 &&
                (Filter->FilterValue == AnyProcessCode || Filter->FilterValue == Object->ProcessCode);
-    ConditionTally Tally = {};
-    if (Filter->Conditions & ConditionPatterns)
-        Tally.Record(ConditionPatterns,
-                     MatchesNamePatterns(&Object->Name, &Rule->Path, Filter->FilterPatternCount, Filter->FilterPatterns));
-    TallyActorConditions(Filter, &Object->EventInfo, FALSE, &Tally);
-    return Tally.Matches();
+    return EveryConditionMatches(Filter, &Object->Name, &Rule->Path, &Object->EventInfo);
 }
 
 NTSTATUS WriteProcessVerdict(const ProcessRuleBody *Rule, FilterResult *Result) {
@@ -158,21 +165,14 @@ NTSTATUS WalkProcessRules(const MonitorProcessRuleSet *Set, const ProcessObject 
 
 // ---------------------------------------------------------------- system
 
-BOOLEAN SystemFilterMatches(const RuleFilter *Filter, const SystemRuleBody *Rule, const SystemObject *Object) {
-    ConditionTally Tally = {};
-    if (Filter->Conditions & ConditionPatterns)
-        Tally.Record(ConditionPatterns,
-                     MatchesNamePatterns(&Object->Name, &Rule->Path, Filter->FilterPatternCount, Filter->FilterPatterns));
-    TallyActorConditions(Filter, &Object->EventInfo, FALSE, &Tally);
-    return Tally.Matches();
-}
-
 // No operation and no depth test: a system rule is its path and filters.
 NTSTATUS WalkSystemRules(const MonitorSystemRuleSet *Set, const SystemObject *Object, FilterResult *Result) {
     for (ULONG Index = 0; Index < Set->RuleCount; ++Index) {
         const SystemRuleBody *Rule = &Set->Rules[Index];
         if (!StartsWithStar(&Rule->Path) && !IsSubPath(&Rule->Path, &Object->Name, TRUE)) continue;
-        auto Test = [&](const RuleFilter *Filter, BOOLEAN) { return SystemFilterMatches(Filter, Rule, Object); };
+        auto Test = [&](const RuleFilter *Filter, BOOLEAN) {
+            return EveryConditionMatches(Filter, &Object->Name, &Rule->Path, &Object->EventInfo);
+        };
         if (!RulePassesFilters(Rule->ExcludeCount, Rule->ExcludeFilters, Rule->IncludeCount, Rule->IncludeFilters,
                                Result, Test))
             continue;

@@ -50,6 +50,17 @@ NTSTATUS CopyObjectName(PUNICODE_STRING Destination, PCUNICODE_STRING Source, Tr
 // An optional string: a null pointer or an empty one leaves the field empty.
 BOOLEAN IsGiven(PCUNICODE_STRING Source) { return Source != nullptr && Source->Length != 0; }
 
+// A required name and an optional second one: when the second cannot be
+// copied, the first is released again.
+NTSTATUS CopyNameWithOptional(PUNICODE_STRING First, PCUNICODE_STRING FirstSource, TrailingBackslash Trailing,
+                              PUNICODE_STRING Second, PCUNICODE_STRING SecondSource) {
+    NTSTATUS Status = CopyObjectName(First, FirstSource, Trailing);
+    if (!NT_SUCCESS(Status) || !IsGiven(SecondSource)) return Status;
+    Status = CopyObjectName(Second, SecondSource, TrailingBackslash::Keep);
+    if (!NT_SUCCESS(Status)) FreeUnicodeString(First);
+    return Status;
+}
+
 ULONGLONG JoinTime(ULONG Low, ULONG High) { return (ULONGLONG)High << 32 | Low; }
 
 // Process and network objects own a copy of the actor block, so matching
@@ -101,15 +112,9 @@ NTSTATUS InitializeFileObject(FileObject *Object, PCUNICODE_STRING Name, USHORT 
 
 NTSTATUS InitializeRegistryObject(RegistryObject *Object, PCUNICODE_STRING KeyName, PCUNICODE_STRING ValueName,
                                   ULONG ObjectType) {
-    NTSTATUS Status = CopyObjectName(&Object->KeyName, KeyName, TrailingBackslash::Drop);
+    const NTSTATUS Status =
+        CopyNameWithOptional(&Object->KeyName, KeyName, TrailingBackslash::Drop, &Object->ValueName, ValueName);
     if (!NT_SUCCESS(Status)) return Status;
-    if (IsGiven(ValueName)) {
-        Status = CopyObjectName(&Object->ValueName, ValueName, TrailingBackslash::Keep);
-        if (!NT_SUCCESS(Status)) {
-            FreeUnicodeString(&Object->KeyName);
-            return Status;
-        }
-    }
     Object->ObjectType = ObjectType;
     return STATUS_SUCCESS;
 }
@@ -121,15 +126,9 @@ NTSTATUS InitializeNetworkObject(NetworkObject *Object, USHORT LocalPort, USHORT
     if (IsGiven(RemoteAddress) && RemoteAddress->MaximumLength == 0) return STATUS_INVALID_PARAMETER;
     Object->LocalPort = LocalPort;
     Object->RemotePort = RemotePort;
-    NTSTATUS Status = CopyObjectName(&Object->LocalAddress, LocalAddress, TrailingBackslash::Keep);
+    const NTSTATUS Status = CopyNameWithOptional(&Object->LocalAddress, LocalAddress, TrailingBackslash::Keep,
+                                                 &Object->RemoteAddress, RemoteAddress);
     if (!NT_SUCCESS(Status)) return Status;
-    if (IsGiven(RemoteAddress)) {
-        Status = CopyObjectName(&Object->RemoteAddress, RemoteAddress, TrailingBackslash::Keep);
-        if (!NT_SUCCESS(Status)) {
-            FreeUnicodeString(&Object->LocalAddress);
-            return Status;
-        }
-    }
     Object->ObjectType = TEXPRT_OBJECT_NETWORK;
     return STATUS_SUCCESS;
 }

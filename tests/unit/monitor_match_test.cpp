@@ -4,7 +4,7 @@
 // and flags cleared under them.
 #include "rules/match.h"
 #include "rules/store.h"
-#include "support/library_test.h"
+#include "support/monitor_test.h"
 #include "tpol.h"
 
 #include <atomic>
@@ -14,21 +14,7 @@ using namespace texprt_test;
 
 namespace {
 
-class MonitorMatchTest : public LibraryTest {
-protected:
-    void TearDown() override {
-        RemoveMonitorRuleSets();
-        LibraryTest::TearDown();
-    }
-    static void Install(const std::string &yaml) {
-        auto image = tpol::CompileText(yaml);
-        image.resize(image.size() + 3);
-        MonitorRuleSets edr{}, fim{};
-        MonitorWhiteListRuleSet *whitelist = nullptr;
-        ASSERT_EQ(ParseMonitorPolicy(image.data(), &edr, &fim, &whitelist), STATUS_SUCCESS);
-        ASSERT_EQ(InstallMonitorRuleSets(&edr, &fim, whitelist), STATUS_SUCCESS);
-    }
-};
+class MonitorMatchTest : public MonitorStoreFixture {};
 
 // A file event and its result, released at the end of the scope.
 struct FileEvent {

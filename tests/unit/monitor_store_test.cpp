@@ -3,7 +3,7 @@
 // swapped under them.
 #include "frame/frame.h"
 #include "rules/store.h"
-#include "support/library_test.h"
+#include "support/monitor_test.h"
 #include "tpol.h"
 
 #include <atomic>
@@ -13,21 +13,7 @@ using namespace texprt_test;
 
 namespace {
 
-class MonitorStoreTest : public LibraryTest {
-protected:
-    void TearDown() override {
-        RemoveMonitorRuleSets();
-        LibraryTest::TearDown();
-    }
-    static void Install(const std::string &yaml) {
-        auto image = tpol::CompileText(yaml);
-        image.resize(image.size() + 3);
-        MonitorRuleSets edr{}, fim{};
-        MonitorWhiteListRuleSet *whitelist = nullptr;
-        ASSERT_EQ(ParseMonitorPolicy(image.data(), &edr, &fim, &whitelist), STATUS_SUCCESS);
-        ASSERT_EQ(InstallMonitorRuleSets(&edr, &fim, whitelist), STATUS_SUCCESS);
-    }
-};
+class MonitorStoreTest : public MonitorStoreFixture {};
 
 const char kEdition1[] = R"(
 monitor:
