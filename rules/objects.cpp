@@ -159,6 +159,12 @@ NTSTATUS Refused() {
 
 BOOLEAN IsRequired(PCUNICODE_STRING String) { return String != nullptr && String->Length != 0; }
 
+// Every Add: an object, a non-zero event time, an actor block and its size.
+BOOLEAN AddArgumentsValid(const VOID *Object, ULONG TimeLow, ULONG TimeHigh, const ActorInformation *Actor,
+                          ULONG ActorSize) {
+    return Object != nullptr && JoinTime(TimeLow, TimeHigh) != 0 && Actor != nullptr && ActorSize != 0;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- results
@@ -231,8 +237,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeFileObject(FileObject *Object, PCUNI
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddFileEventInfo(FileObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                    ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
-    if (Object == nullptr || JoinTime(TimeLow, TimeHigh) == 0 || Actor == nullptr || ActorSize == 0)
-        return Refused();
+    if (!AddArgumentsValid(Object, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
     BorrowEventInfo(&Object->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
     Object->Operation = Operation;
     return STATUS_SUCCESS;
@@ -260,8 +265,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeRegistryObject(RegistryObject *Objec
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddRegistryEventInfo(RegistryObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                        ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
-    if (Object == nullptr || JoinTime(TimeLow, TimeHigh) == 0 || Actor == nullptr || ActorSize == 0)
-        return Refused();
+    if (!AddArgumentsValid(Object, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
     BorrowEventInfo(&Object->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
     Object->Operation = Operation;
     return STATUS_SUCCESS;
@@ -287,8 +291,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeProcessObject(ProcessObject *Object,
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddProcessEventInfo(ProcessObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                       ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
-    if (Object == nullptr || JoinTime(TimeLow, TimeHigh) == 0 || Actor == nullptr || ActorSize == 0)
-        return Refused();
+    if (!AddArgumentsValid(Object, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
     // A second Add replaces the copy's pointer without freeing the first
     // copy: the monitor adds once.
     const NTSTATUS Status = CaptureEventInfo(&Object->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
@@ -313,8 +316,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeSystemObject(SystemObject *Object, P
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddSystemEventInfo(SystemObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                      ActorInformation *Actor, ULONG ActorSize) {
-    if (Object == nullptr || JoinTime(TimeLow, TimeHigh) == 0 || Actor == nullptr || ActorSize == 0)
-        return Refused();
+    if (!AddArgumentsValid(Object, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
     BorrowEventInfo(&Object->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
     return STATUS_SUCCESS;
 }
@@ -336,8 +338,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeNetworkObject(NetworkObject *Object,
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddNetworkEventInfo(NetworkObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                       ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
-    if (Object == nullptr || JoinTime(TimeLow, TimeHigh) == 0 || Actor == nullptr || ActorSize == 0)
-        return Refused();
+    if (!AddArgumentsValid(Object, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
     const NTSTATUS Status = CaptureEventInfo(&Object->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
     if (NT_SUCCESS(Status)) Object->Operation = Operation;
     return Traced(Status);
