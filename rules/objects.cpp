@@ -165,6 +165,29 @@ BOOLEAN AddArgumentsValid(const VOID *Object, ULONG TimeLow, ULONG TimeHigh, con
     return Object != nullptr && JoinTime(TimeLow, TimeHigh) != 0 && Actor != nullptr && ActorSize != 0;
 }
 
+// Add for the objects that borrow the actor block: the values are stored as
+// they are.
+template <typename Object>
+NTSTATUS AddBorrowedEventInfo(Object *Target, ULONG TimeLow, ULONG TimeHigh, ActorInformation *Actor,
+                              ULONG ActorSize, USHORT Operation) {
+    if (!AddArgumentsValid(Target, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
+    BorrowEventInfo(&Target->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
+    Target->Operation = Operation;
+    return STATUS_SUCCESS;
+}
+
+// Add for the objects that own a copy of it; the operation is stored only
+// once the copy is made. A second Add replaces the copy's pointer without
+// freeing the first copy: the monitor adds once.
+template <typename Object>
+NTSTATUS AddCapturedEventInfo(Object *Target, ULONG TimeLow, ULONG TimeHigh, const ActorInformation *Actor,
+                              ULONG ActorSize, USHORT Operation) {
+    if (!AddArgumentsValid(Target, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
+    const NTSTATUS Status = CaptureEventInfo(&Target->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
+    if (NT_SUCCESS(Status)) Target->Operation = Operation;
+    return Traced(Status);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- results
@@ -237,10 +260,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeFileObject(FileObject *Object, PCUNI
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddFileEventInfo(FileObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                    ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
-    if (!AddArgumentsValid(Object, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
-    BorrowEventInfo(&Object->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
-    Object->Operation = Operation;
-    return STATUS_SUCCESS;
+    return AddBorrowedEventInfo(Object, TimeLow, TimeHigh, Actor, ActorSize, Operation);
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupFileObject(FileObject *Object) {
@@ -265,10 +285,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeRegistryObject(RegistryObject *Objec
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddRegistryEventInfo(RegistryObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                        ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
-    if (!AddArgumentsValid(Object, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
-    BorrowEventInfo(&Object->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
-    Object->Operation = Operation;
-    return STATUS_SUCCESS;
+    return AddBorrowedEventInfo(Object, TimeLow, TimeHigh, Actor, ActorSize, Operation);
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupRegistryObject(RegistryObject *Object) {
@@ -291,12 +308,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeProcessObject(ProcessObject *Object,
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddProcessEventInfo(ProcessObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                       ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
-    if (!AddArgumentsValid(Object, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
-    // A second Add replaces the copy's pointer without freeing the first
-    // copy: the monitor adds once.
-    const NTSTATUS Status = CaptureEventInfo(&Object->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
-    if (NT_SUCCESS(Status)) Object->Operation = Operation;
-    return Traced(Status);
+    return AddCapturedEventInfo(Object, TimeLow, TimeHigh, Actor, ActorSize, Operation);
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupProcessObject(ProcessObject *Object) {
@@ -338,10 +350,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeNetworkObject(NetworkObject *Object,
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddNetworkEventInfo(NetworkObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                       ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
-    if (!AddArgumentsValid(Object, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
-    const NTSTATUS Status = CaptureEventInfo(&Object->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
-    if (NT_SUCCESS(Status)) Object->Operation = Operation;
-    return Traced(Status);
+    return AddCapturedEventInfo(Object, TimeLow, TimeHigh, Actor, ActorSize, Operation);
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupNetworkObject(NetworkObject *Object) {
