@@ -50,6 +50,30 @@ static inline SIZE_T PlatformWcslen(const WCHAR *Text) {
 
 #define ARRAYSIZE_OF(Array) (sizeof(Array) / sizeof((Array)[0]))
 
+// The verifier's view of the library's contracts: each lock's rank in the
+// lock order, and each export's maximum IRQL, checked at entry. The host's
+// verifier enforces both; the kernel image leaves them to Driver Verifier
+// and to static analysis of the _IRQL_requires_max_ annotations.
+#if defined(_WIN32)
+static inline VOID PlatformRankLock(PKSPIN_LOCK, ULONG, const char *) {}
+static inline VOID PlatformRankLock(PFAST_MUTEX, ULONG, const char *) {}
+static inline VOID PlatformRankLock(PERESOURCE, ULONG, const char *) {}
+static inline VOID PlatformCheckExportIrql(KIRQL, const char *) {}
+#else
+static inline VOID PlatformRankLock(PKSPIN_LOCK Lock, ULONG Rank, const char *Name) {
+    HkVerifierRankLock(Lock, HkLockSpinLock, Rank, Name);
+}
+static inline VOID PlatformRankLock(PFAST_MUTEX Lock, ULONG Rank, const char *Name) {
+    HkVerifierRankLock(Lock, HkLockFastMutex, Rank, Name);
+}
+static inline VOID PlatformRankLock(PERESOURCE Lock, ULONG Rank, const char *Name) {
+    HkVerifierRankLock(Lock, HkLockResource, Rank, Name);
+}
+static inline VOID PlatformCheckExportIrql(KIRQL MaximumIrql, const char *Export) {
+    HkVerifierCheckExportIrql(MaximumIrql, Export);
+}
+#endif
+
 // Lock-free reads and writes of one aligned word (the policy masks): plain
 // accesses in the kernel image, where they are single instructions; marked
 // atomic on the host so that ThreadSanitizer knows the race is meant.

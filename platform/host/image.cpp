@@ -45,6 +45,9 @@ void Image::Unload() {
         path = info.dli_fname;
     dlclose(handle_);
     handle_ = nullptr;
+    // The image's spin locks went with it; their ranks must not stick to
+    // whatever is mapped at those addresses next.
+    detail::ForgetSpinLockRanks();
     // The next load must start from zeroed storage again, so the image has
     // to be really gone.
     if (!path.empty()) {

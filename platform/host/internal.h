@@ -21,6 +21,19 @@ void Complain(const std::string &message);
 // Records a complaint when the current IRQL is above `max_irql`.
 void CheckIrql(KIRQL max_irql, const char *routine);
 
+// The lock-order check, for the acquire and release routines of ranked
+// locks (rank 0: not ranked, nothing to do). Acquiring checks the lock
+// against the ranked locks this thread holds and then records it; a
+// try-acquire records without the check, as it cannot wait. Released
+// forgets it again.
+void LockAcquiring(const void *lock, ULONG rank, const char *name, const char *routine);
+void LockAcquired(const void *lock, ULONG rank, const char *name);
+void LockReleased(const void *lock, ULONG rank);
+// The rank and name given to a spin lock (which has no room of its own).
+ULONG SpinLockRank(const void *lock, const char **name);
+// Forgets every ranked spin lock, when the image that owns them goes.
+void ForgetSpinLockRanks();
+
 // ------------------------------------------------------------ pool
 
 // Tracked allocation, as ExAllocatePoolWithTag does it; also used by the
@@ -36,10 +49,20 @@ struct HostThread;  // the KTHREAD behind a host thread, see ps/thread.cpp
 // Per host thread kernel state. Threads that hostkernel did not create (the
 // test's main thread) get one on first use and act as a thread of the System
 // process at PASSIVE_LEVEL.
+// A ranked lock this thread holds, for the lock-order check.
+struct HeldLock {
+    const void *lock;
+    ULONG rank;
+    const char *name;
+};
+constexpr int kMaxHeldLocks = 16;
+
 struct ThreadState {
     KIRQL irql = PASSIVE_LEVEL;
     int kernel_apc_disable = 0;  // KeEnterCriticalRegion depth
     HostThread *thread = nullptr;
+    HeldLock held_locks[kMaxHeldLocks] = {};
+    int held_lock_count = 0;
 };
 ThreadState &CurrentThreadState();
 

@@ -36,6 +36,7 @@ KIRQL RaiseToApcLevel() {
 void TakeOwnership(PFAST_MUTEX mutex, KIRQL old_irql) {
     OwnerOf(mutex).store(Me(), std::memory_order_relaxed);
     mutex->OldIrql = old_irql;
+    if (mutex->VerifierRank != 0) LockAcquired(mutex, mutex->VerifierRank, mutex->VerifierName);
 }
 
 }  // namespace
@@ -46,6 +47,9 @@ VOID NTAPI ExInitializeFastMutex(PFAST_MUTEX FastMutex) {
     std::atomic_ref<ULONG>(FastMutex->Contention).store(0, std::memory_order_relaxed);
     KeInitializeEvent(&FastMutex->Event, SynchronizationEvent, FALSE);
     FastMutex->OldIrql = PASSIVE_LEVEL;
+    // A new mutex: whatever rank the memory had is gone.
+    FastMutex->VerifierRank = 0;
+    FastMutex->VerifierName = nullptr;
 }
 
 VOID FASTCALL ExAcquireFastMutex(PFAST_MUTEX FastMutex) {
@@ -56,6 +60,8 @@ VOID FASTCALL ExAcquireFastMutex(PFAST_MUTEX FastMutex) {
                   static_cast<void *>(FastMutex));
         abort();
     }
+    if (FastMutex->VerifierRank != 0)
+        LockAcquiring(FastMutex, FastMutex->VerifierRank, FastMutex->VerifierName, "ExAcquireFastMutex");
     const KIRQL old_irql = RaiseToApcLevel();
     std::atomic_ref<LONG> count(FastMutex->Count);
     for (;;) {
@@ -85,6 +91,7 @@ VOID FASTCALL ExReleaseFastMutex(PFAST_MUTEX FastMutex) {
         return;
     }
     const KIRQL old_irql = KIRQL(FastMutex->OldIrql);
+    if (FastMutex->VerifierRank != 0) LockReleased(FastMutex, FastMutex->VerifierRank);
     OwnerOf(FastMutex).store(nullptr, std::memory_order_relaxed);
     std::atomic_ref<LONG> count(FastMutex->Count);
     count.store(1, std::memory_order_release);
@@ -164,6 +171,8 @@ NTSTATUS NTAPI ExInitializeResourceLite(PERESOURCE Resource) {
     f.owner.store(nullptr);
     f.recursion.store(0);
     f.generation.store(0);
+    Resource->VerifierRank = 0;
+    Resource->VerifierName = nullptr;
     return STATUS_SUCCESS;
 }
 
@@ -186,6 +195,8 @@ BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) {
         if (o->exclusive) f.recursion.fetch_add(1, std::memory_order_relaxed);
         return TRUE;
     }
+    if (Resource->VerifierRank != 0 && Wait)
+        LockAcquiring(Resource, Resource->VerifierRank, Resource->VerifierName, "ExAcquireResourceSharedLite");
     for (;;) {
         const ULONG generation = f.generation.load();
         LONG state = f.state.load();
@@ -197,6 +208,7 @@ BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) {
         f.generation.wait(generation);
     }
     Owned().push_back({Resource, 1, false});
+    if (Resource->VerifierRank != 0) LockAcquired(Resource, Resource->VerifierRank, Resource->VerifierName);
     return TRUE;
 }
 
@@ -214,6 +226,8 @@ BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) 
         f.recursion.fetch_add(1, std::memory_order_relaxed);
         return TRUE;
     }
+    if (Resource->VerifierRank != 0 && Wait)
+        LockAcquiring(Resource, Resource->VerifierRank, Resource->VerifierName, "ExAcquireResourceExclusiveLite");
     LONG free = 0;
     if (!f.state.compare_exchange_strong(free, kExclusive)) {
         if (!Wait) return FALSE;
@@ -231,6 +245,7 @@ BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) 
     f.owner.store(Me());
     f.recursion.store(1);
     Owned().push_back({Resource, 1, true});
+    if (Resource->VerifierRank != 0) LockAcquired(Resource, Resource->VerifierRank, Resource->VerifierName);
     return TRUE;
 }
 
@@ -247,6 +262,7 @@ VOID FASTCALL ExReleaseResourceLite(PERESOURCE Resource) {
     if (exclusive) f.recursion.fetch_sub(1, std::memory_order_relaxed);
     if (--o->count > 0) return;
     Forget(Resource);
+    if (Resource->VerifierRank != 0) LockReleased(Resource, Resource->VerifierRank);
     if (exclusive) {
         f.owner.store(nullptr);
         f.state.store(0);

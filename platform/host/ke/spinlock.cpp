@@ -14,6 +14,9 @@ namespace {
 ULONG_PTR OwnerTag() { return reinterpret_cast<ULONG_PTR>(&CurrentThreadState()); }
 
 void Acquire(PKSPIN_LOCK lock, const char *routine) {
+    const char *name = nullptr;
+    const ULONG rank = SpinLockRank(lock, &name);
+    if (rank != 0) LockAcquiring(lock, rank, name, routine);
     std::atomic_ref<ULONG_PTR> word(*lock);
     const ULONG_PTR me = OwnerTag();
     if (word.load(std::memory_order_relaxed) == me) {
@@ -23,7 +26,10 @@ void Acquire(PKSPIN_LOCK lock, const char *routine) {
     }
     for (unsigned spins = 0;; ++spins) {
         ULONG_PTR expected = 0;
-        if (word.compare_exchange_weak(expected, me, std::memory_order_acquire, std::memory_order_relaxed)) return;
+        if (word.compare_exchange_weak(expected, me, std::memory_order_acquire, std::memory_order_relaxed)) {
+            if (rank != 0) LockAcquired(lock, rank, name);
+            return;
+        }
         if (spins >= 64) std::this_thread::yield();
     }
 }
@@ -37,6 +43,9 @@ bool Release(PKSPIN_LOCK lock, const char *routine) {
                   owner == 0 ? "not held" : "held by another thread");
         return false;
     }
+    const char *name = nullptr;
+    const ULONG rank = SpinLockRank(lock, &name);
+    if (rank != 0) LockReleased(lock, rank);
     word.store(0, std::memory_order_release);
     return true;
 }

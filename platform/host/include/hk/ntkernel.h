@@ -427,6 +427,8 @@ typedef struct _FAST_MUTEX {
     ULONG Contention;
     KEVENT Event;
     ULONG OldIrql;
+    ULONG VerifierRank;          // 0, or the rank HkVerifierRankLock gave it
+    const char *VerifierName;
 } FAST_MUTEX, *PFAST_MUTEX;
 
 // ERESOURCE on the host: a zero-filled one is a valid free lock, as the
@@ -437,6 +439,8 @@ typedef struct _ERESOURCE {
     PKTHREAD Owner;         // exclusive owner
     LONG Recursion;         // exclusive recursion depth
     ULONG Generation;       // bumped on every release, for waiters
+    ULONG VerifierRank;     // 0, or the rank HkVerifierRankLock gave it
+    const char *VerifierName;
 } ERESOURCE, *PERESOURCE;
 
 typedef struct _KFLOATING_SAVE {
@@ -1060,6 +1064,20 @@ NTKERNELAPI NTSTATUS NTAPI ZwQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE
 
 typedef struct _FLT_FILTER *PFLT_FILTER;
 typedef struct _FLT_INSTANCE *PFLT_INSTANCE;
+
+// ---------------------------------------------------------------- verifier hooks
+// What the library tells the host's verifier about its own contracts. The
+// kernel image has no counterpart: there Driver Verifier and static analysis
+// of the annotations do this work.
+
+enum HK_LOCK_KIND { HkLockSpinLock = 1, HkLockFastMutex = 2, HkLockResource = 3 };
+// Gives a lock its rank in the library's lock order (1 is outermost; 0
+// forgets the lock). From then on, acquiring it while this thread holds a
+// ranked lock of the same or a later rank is a complaint naming both. A
+// fast mutex or resource keeps its rank until it is initialised again.
+NTKERNELAPI VOID NTAPI HkVerifierRankLock(PVOID Lock, ULONG Kind, ULONG Rank, const char *Name);
+// Complains when the current IRQL is above an export's maximum.
+NTKERNELAPI VOID NTAPI HkVerifierCheckExportIrql(KIRQL MaximumIrql, const char *Export);
 
 // ---------------------------------------------------------------- annotations
 
