@@ -50,7 +50,7 @@ driver: deps
 	    cmake --build --preset win-$$arch -j $(JOBS) || exit 1; \
 	done
 	@status=0; for arch in i686 x64; do \
-	    scripts/check-image build/win-$$arch/texprt.sys $$arch texprt.def || status=1; \
+	    scripts/check-image build/win-$$arch/texprt.sys $$arch build/win-$$arch/texprt.def || status=1; \
 	done; exit $$status
 
 clean:

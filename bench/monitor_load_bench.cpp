@@ -2,8 +2,8 @@
 // categories, with filters of every list kind) parsed into its rule sets.
 // Reports the time per rule, so that growth beyond linear shows as a rising
 // figure, and the non-paged bytes the finished sets hold.
-#include "frame/frame.h"
-#include "frame/helpers.h"
+#include "base/strings.h"
+#include "diagnostics/eventlog.h"
 #include "policy/monitor.h"
 #include "tpol.h"
 
@@ -72,7 +72,7 @@ void FreeAll(MonitorRuleSets &edr, MonitorRuleSets &fim, MonitorWhiteListRuleSet
 
 void BM_LoadMonitorPolicy(benchmark::State &state) {
     hk::Reset();
-    ExInitializeFastMutex(&MonitorObjectLock);
+    InitializeEventLog();
     MonitorObjects[PreferredMonitorObject] = hk::CreateDriverObject("\\Driver\\tmon");
     const int rules = int(state.range(0));
     const auto &source = Policy(rules);

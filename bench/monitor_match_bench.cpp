@@ -13,7 +13,7 @@
 // and without case folding, and the file miss matched from one and from two
 // threads at once, to show that readers of the store do not hold each other
 // up.
-#include "frame/frame.h"
+#include "diagnostics/eventlog.h"
 #include "include/texprt.h"
 #include "policy/monitor.h"
 #include "rules/store.h"
@@ -329,7 +329,7 @@ BENCHMARK(BM_FileMissThreads)
 // of the kernel broken on the way is reported.
 int main(int argc, char **argv) {
     hk::Reset();
-    ExInitializeFastMutex(&MonitorObjectLock);
+    InitializeEventLog();
     MonitorObjects[PreferredMonitorObject] = hk::CreateDriverObject("\\Driver\\tmon");
     const size_t pool_at_start = hk::OutstandingPoolBytes();
 

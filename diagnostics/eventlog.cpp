@@ -1,9 +1,9 @@
 // Event log reporting through the I/O error log.
 #include "diagnostics/eventlog.h"
 
-#include "frame/frame.h"
-#include "frame/helpers.h"
-#include "include/texprt.h"
+#include "base/exports.h"
+#include "base/locks.h"
+#include "base/strings.h"
 
 TEXPRT_ASSERT_LAYOUT32(sizeof(IO_ERROR_LOG_PACKET) == EventPacketFixedSize);
 TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(IO_ERROR_LOG_PACKET, DumpData) == EventPacketDumpOffset);
@@ -21,12 +21,11 @@ ULONG StringBytes(PCWSTR String) {
 // The internal writers' common path: the preferred monitor's driver object
 // names the source while it is registered.
 VOID WriteUnderMonitorLock(ULONG Id, NTSTATUS FinalStatus, USHORT Slots, PCWSTR *Strings) {
-    ExAcquireFastMutex(&MonitorObjectLock);
+    FastMutexGuard Guard(&MonitorObjectLock);
     PDRIVER_OBJECT Object = MonitorObjects[PreferredMonitorObject] != nullptr
                                 ? MonitorObjects[PreferredMonitorObject]
                                 : MonitorObjects[OtherMonitorObject];
     WriteEventLogEntry(Id, (ULONG)FinalStatus, Slots, Strings, nullptr, 0, Object);
-    ExReleaseFastMutex(&MonitorObjectLock);
 }
 
 VOID ReportStatus(ULONG Id, NTSTATUS Status, BOOLEAN SkipWhenEmpty) {
@@ -38,6 +37,16 @@ VOID ReportStatus(ULONG Id, NTSTATUS Status, BOOLEAN SkipWhenEmpty) {
 }
 
 }  // namespace
+
+VOID InitializeEventLog() {
+    ExInitializeFastMutex(&MonitorObjectLock);
+    PlatformRankLock(&MonitorObjectLock, LockRankMonitorObject, "MonitorObjectLock");
+}
+
+VOID SetMonitorObject(BOOLEAN Preferred, PDRIVER_OBJECT Object) {
+    FastMutexGuard Guard(&MonitorObjectLock);
+    MonitorObjects[Preferred ? PreferredMonitorObject : OtherMonitorObject] = Object;
+}
 
 VOID WriteEventLogEntry(ULONG Id, ULONG FinalStatus, USHORT Slots, PCWSTR *Strings, PVOID Dump, ULONG DumpSize,
                         PVOID Object) {
@@ -70,10 +79,12 @@ VOID WriteEventLogEntry(ULONG Id, ULONG FinalStatus, USHORT Slots, PCWSTR *Strin
 
 TEXPRT_EXPORT VOID NTAPI TcEventWrite(ULONG MessageId, ULONG FinalStatus, USHORT StringCount, PCWSTR *Strings,
                                       PVOID DumpData, ULONG DumpSize, PVOID IoObject) {
+    EXPORT_ENTRY(TcEventWrite);
     WriteEventLogEntry(MessageId, FinalStatus, StringCount, Strings, DumpData, DumpSize, IoObject);
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcEventWriteDriverStart(ULONG MessageId, PCSZ VersionText, PVOID IoObject) {
+    EXPORT_ENTRY(TcEventWriteDriverStart);
     if (VersionText == nullptr) return STATUS_INVALID_PARAMETER;
     // Both lengths count the terminator, so the converted text carries it.
     ANSI_STRING Ansi;
@@ -92,6 +103,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcEventWriteDriverStart(ULONG MessageId, PCSZ Versi
 }
 
 TEXPRT_EXPORT VOID NTAPI EventWriteEventHBBWLFailure(NTSTATUS Status) {
+    EXPORT_ENTRY(EventWriteEventHBBWLFailure);
     ReportStatus(MsgHbbWhiteListFailed, Status, TRUE);
 }
 

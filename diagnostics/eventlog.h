@@ -45,6 +45,19 @@ constexpr ULONG EventPacketMaximumSize = 152;
 VOID WriteEventLogEntry(ULONG Id, ULONG FinalStatus, USHORT Slots, PCWSTR *Strings, PVOID Dump, ULONG DumpSize,
                         PVOID Object);
 
+// The monitors' driver objects. Each monitor registers its own in its
+// slot at phase 0 and clears it at its stop; the internal writers name the
+// preferred monitor's object as the source while it is registered.
+// MonitorObjectLock guards both slots and is held across every internal
+// write, so that a driver object cannot go away under a write.
+enum MonitorSlot { PreferredMonitorObject = 0, OtherMonitorObject = 1 };
+extern PDRIVER_OBJECT MonitorObjects[2];
+extern FAST_MUTEX MonitorObjectLock;
+
+VOID InitializeEventLog();
+// Stores Object (or null) in the slot that Preferred selects.
+VOID SetMonitorObject(BOOLEAN Preferred, PDRIVER_OBJECT Object);
+
 // Internal writers: they hold MonitorObjectLock and name the preferred
 // monitor's driver object, or the other one's. Not to be called before
 // phase 0 has registered a monitor.

@@ -1,35 +1,20 @@
 // Configuration read from the registry.
 #include "frame/config.h"
 
-#include "diagnostics/trace.h"
-#include "frame/frame.h"
-#include "frame/helpers.h"
-#include "include/texprt.h"
-
-UCHAR PerfCountersEnabled;
-LARGE_INTEGER MaxCacheSize = {{(ULONG)DefaultMaxCacheSize, (LONG)(DefaultMaxCacheSize >> 32)}};
-ULONG HbbMaxAppCacheSize = DefaultHbbMaxAppCacheSize;
+#include "base/exports.h"
+#include "base/registry.h"
+#include "base/strings.h"
+#include "base/trace.h"
+#include "diagnostics/counters.h"
+#include "eventstream/globals.h"
+#include "hashblock/globals.h"
 
 namespace {
 
-constexpr ULONG KeyAttributes = OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE;
 // KEY_VALUE_PARTIAL_INFORMATION: the data start behind three words.
 constexpr ULONG PartialInformationDataOffset = 12;
 
-NTSTATUS OpenKey(PHANDLE Handle, HANDLE Root, PUNICODE_STRING Name) {
-    OBJECT_ATTRIBUTES Attributes;
-    InitializeObjectAttributes(&Attributes, Name, KeyAttributes, Root, nullptr);
-    return ZwOpenKey(Handle, ConfigurationKeyAccess, &Attributes);
-}
-
 }  // namespace
-
-NTSTATUS OpenServiceKey(PHANDLE Handle) { return OpenKey(Handle, nullptr, ServiceKeyPath); }
-
-NTSTATUS OpenParametersKey(HANDLE ServiceKey, PHANDLE Handle) {
-    UNICODE_STRING Name = CONST_UNICODE_STRING(WIDE("Parameters"));
-    return OpenKey(Handle, ServiceKey, &Name);
-}
 
 UCHAR ReadPerfFlag() {
     HANDLE ServiceKey = nullptr;
@@ -37,13 +22,14 @@ UCHAR ReadPerfFlag() {
     // Only the subkey's existence counts; a value of the same name does not.
     UNICODE_STRING Name = CONST_UNICODE_STRING(WIDE("PerFlagOn"));
     HANDLE FlagKey = nullptr;
-    const NTSTATUS Status = OpenKey(&FlagKey, ServiceKey, &Name);
+    const NTSTATUS Status = OpenConfigurationKey(&FlagKey, ServiceKey, &Name);
     if (NT_SUCCESS(Status)) ZwClose(FlagKey);
     ZwClose(ServiceKey);
     return NT_SUCCESS(Status) ? 1 : 0;
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcUpdateMaxCacheSize() {
+    EXPORT_ENTRY(TcUpdateMaxCacheSize);
     HANDLE ServiceKey = nullptr, Parameters = nullptr;
     NTSTATUS Status = OpenServiceKey(&ServiceKey);
     if (!NT_SUCCESS(Status)) {

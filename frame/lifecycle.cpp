@@ -1,35 +1,24 @@
 // Library lifecycle: load, the two-phase start that both monitors call, and
 // unload. One set of global state serves both monitors; whichever monitor
-// arrives first at a phase does that phase's shared work.
+// arrives first at a phase does that phase's shared work, through the table
+// of the subsystems' entry points (subsystems.cpp).
 #include "platform/nt.h"
 
-#include "include/texprt.h"
-
-#include "diagnostics/trace.h"
-#include "eventstream/datadir.h"
-#include "frame/config.h"
+#include "base/exports.h"
+#include "base/locks.h"
+#include "base/registry.h"
+#include "base/strings.h"
+#include "base/trace.h"
+#include "base/workqueue.h"
+#include "diagnostics/eventlog.h"
+#include "eventstream/globals.h"
 #include "frame/frame.h"
-#include "frame/helpers.h"
-#include "frame/workqueue.h"
-#include "process/housekeeping.h"
-#include "rules/update.h"
-
-KSPIN_LOCK StartLock;
-UCHAR Phase0Started;
-UCHAR Phase1Started;
-
-PDRIVER_OBJECT MonitorObjects[2];
-FAST_MUTEX MonitorObjectLock;
-
-PUNICODE_STRING ServiceKeyPath;
-UNICODE_STRING TolvexAgentExePath;
-
-KTIMER HousekeepingTimer;
-KDPC HousekeepingDpc;
+#include "frame/housekeeping.h"
+#include "frame/policyupdate.h"
+#include "frame/subsystems.h"
 
 namespace {
 
-const WCHAR ServiceKeyText[] = WIDE("\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet\\Services\\tmon");
 const WCHAR AgentExeText[] = WIDE("\\Program Files\\Tolvex\\TolvexAgent\\TolvexAgent.exe");
 // The system root is taken to end in an eight-character folder name and its
 // backslash ("\WINDOWS"), whatever the folder is called.
@@ -37,41 +26,25 @@ constexpr USHORT SystemFolderBytes = 16;
 
 // Claims a phase: returns the byte as it was and sets it.
 UCHAR ClaimPhase(UCHAR *Started) {
-    KIRQL OldIrql;
-    KeAcquireSpinLock(&StartLock, &OldIrql);
+    SpinLockGuard Guard(&StartLock);
     const UCHAR Was = *Started;
     *Started = 1;
-    KeReleaseSpinLock(&StartLock, OldIrql);
     return Was;
 }
 
 VOID ReleasePhase(UCHAR *Started) {
-    KIRQL OldIrql;
-    KeAcquireSpinLock(&StartLock, &OldIrql);
+    SpinLockGuard Guard(&StartLock);
     *Started = 0;
-    KeReleaseSpinLock(&StartLock, OldIrql);
-}
-
-VOID ArmHousekeepingTimer() {
-    LARGE_INTEGER DueTime;
-    DueTime.QuadPart = HousekeepingPeriod;
-    KeSetTimer(&HousekeepingTimer, DueTime, &HousekeepingDpc);
 }
 
 }  // namespace
 
-VOID RearmHousekeepingTimer() {
-    KIRQL OldIrql;
-    KeAcquireSpinLock(&StartLock, &OldIrql);
-    if (Phase1Started) ArmHousekeepingTimer();
-    KeReleaseSpinLock(&StartLock, OldIrql);
-}
-
 TEXPRT_EXPORT NTSTATUS NTAPI DllInitialize(PUNICODE_STRING RegistryPath) {
+    EXPORT_ENTRY(DllInitialize);
     TraceInitialize();
     KeInitializeSpinLock(&StartLock);
-    ExInitializeFastMutex(&FilterLock);
-    ExInitializeFastMutex(&MonitorObjectLock);
+    PlatformRankLock(&StartLock, LockRankStart, "StartLock");
+    RunLifecycleSteps(LoadSteps);
     const NTSTATUS Status = InitializeWorkQueue(1, WorkQueueClassLibrary, &LibraryWorkQueue);
     if (!NT_SUCCESS(Status)) {
         TRACE_STATUS(Status);
@@ -84,25 +57,24 @@ TEXPRT_EXPORT NTSTATUS NTAPI DllInitialize(PUNICODE_STRING RegistryPath) {
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcSystemsInitializePhase0(PDRIVER_OBJECT DriverObject, BOOLEAN Preferred) {
+    EXPORT_ENTRY(TcSystemsInitializePhase0);
     if (DriverObject == nullptr) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
     // Both monitors register, before anything else.
-    ExAcquireFastMutex(&MonitorObjectLock);
-    MonitorObjects[Preferred ? PreferredMonitorObject : OtherMonitorObject] = DriverObject;
-    ExReleaseFastMutex(&MonitorObjectLock);
+    SetMonitorObject(Preferred, DriverObject);
 
     if (ClaimPhase(&Phase0Started)) return STATUS_SUCCESS;
 
-    // A retry after a failed phase 0 finds the path still built: it lives
-    // until DllUnload.
-    if (ServiceKeyPath == nullptr) {
-        UNICODE_STRING Literal = CONST_UNICODE_STRING(ServiceKeyText);
-        ServiceKeyPath = NewCountedString(&Literal, TagFrame);
-    }
-    LoadConfigurationAndPolicies();
-    return STATUS_SUCCESS;
+    const NTSTATUS Status = RunLifecycleSteps(Phase0Steps);
+    if (NT_SUCCESS(Status)) return Status;
+    // Undo. The monitor's slot, the service key path and any rule sets that
+    // were installed stay; a later call retries from the claim.
+    ReleasePhase(&Phase0Started);
+    KeCancelTimer(&HousekeepingTimer);
+    RunLifecycleSteps(Phase0StopSteps);
+    return Status;
 }
 
 NTSTATUS BuildAgentExePath() {
@@ -123,60 +95,60 @@ NTSTATUS BuildAgentExePath() {
     return RtlAppendUnicodeStringToString(&TolvexAgentExePath, &Literal);
 }
 
+VOID FreeAgentExePath() {
+    PoolFree(TolvexAgentExePath.Buffer);
+    TolvexAgentExePath.Buffer = nullptr;
+    TolvexAgentExePath.Length = 0;
+    TolvexAgentExePath.MaximumLength = 0;
+}
+
 TEXPRT_EXPORT NTSTATUS NTAPI TcSystemsInitializePhase1() {
+    EXPORT_ENTRY(TcSystemsInitializePhase1);
     if (ClaimPhase(&Phase1Started)) return STATUS_SUCCESS;
 
-    // From here on the timer keeps itself alive.
-    ArmHousekeepingTimer();
-
-    NTSTATUS Status = BuildAgentExePath();
-    if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
-
+    const NTSTATUS Status = RunLifecycleSteps(Phase1Steps);
     if (NT_SUCCESS(Status)) return Status;
 
     // Undo. The timer is left alone: its next firing finds Phase1Started
     // clear and stops.
     ReleasePhase(&Phase1Started);
-    ClearAllRuleSets();
+    RunLifecycleSteps(Phase1StopSteps);
     return Status;
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcNotifyDriverUnload(BOOLEAN Preferred) {
-    ExAcquireFastMutex(&MonitorObjectLock);
-    MonitorObjects[Preferred ? PreferredMonitorObject : OtherMonitorObject] = nullptr;
-    ExReleaseFastMutex(&MonitorObjectLock);
+    EXPORT_ENTRY(TcNotifyDriverUnload);
+    SetMonitorObject(Preferred, nullptr);
     return STATUS_SUCCESS;
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI DllUnload() {
-    KIRQL OldIrql;
-    KeAcquireSpinLock(&StartLock, &OldIrql);
-    const UCHAR WasPhase0 = Phase0Started, WasPhase1 = Phase1Started;
-    KeReleaseSpinLock(&StartLock, OldIrql);
-    UNREFERENCED_PARAMETER(WasPhase0);
-
-    if (WasPhase1) {
-        const NTSTATUS Status = ClearAllRuleSets();
-        if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
+    EXPORT_ENTRY(DllUnload);
+    UCHAR WasPhase0, WasPhase1;
+    {
+        SpinLockGuard Guard(&StartLock);
+        WasPhase0 = Phase0Started;
+        WasPhase1 = Phase1Started;
     }
 
-    KeAcquireSpinLock(&StartLock, &OldIrql);
-    Phase0Started = 0;
-    Phase1Started = 0;
-    KeCancelTimer(&HousekeepingTimer);
-    KeRemoveQueueDpc(&HousekeepingDpc);
-    KeReleaseSpinLock(&StartLock, OldIrql);
+    // Every step runs whatever the one before returned.
+    if (WasPhase1) RunLifecycleSteps(Phase1StopSteps);
+    if (WasPhase0) RunLifecycleSteps(Phase0StopSteps);
 
-    PoolFree(ServiceKeyPath);
-    ServiceKeyPath = nullptr;
+    {
+        SpinLockGuard Guard(&StartLock);
+        Phase0Started = 0;
+        Phase1Started = 0;
+        KeCancelTimer(&HousekeepingTimer);
+        KeRemoveQueueDpc(&HousekeepingDpc);
+    }
+
+    FreeServiceKeyPath();
     FreeRememberedPolicyNames();
 
     RundownWorkQueue(&LibraryWorkQueue);
 
-    PoolFree(TolvexAgentExePath.Buffer);
-    TolvexAgentExePath.Buffer = nullptr;
-    TolvexAgentExePath.Length = 0;
-    TolvexAgentExePath.MaximumLength = 0;
+    FreeAgentExePath();
 
     TraceShutdown();
     return STATUS_SUCCESS;

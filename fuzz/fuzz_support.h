@@ -2,8 +2,8 @@
 // reader would make of an input, and the leak check after each input.
 #pragma once
 
-#include "frame/frame.h"
-#include "frame/helpers.h"
+#include "base/strings.h"
+#include "diagnostics/eventlog.h"
 #include "policy/policyfile.h"
 
 #include <hk/hk.h>
@@ -19,7 +19,7 @@ inline void InitializeMachine() {
     // A header may announce any number of rules; the pool refuses what it
     // cannot hold, as a real one would, instead of the fuzzer paging.
     hk::SetPoolLimit(size_t(32) << 20);
-    ExInitializeFastMutex(&MonitorObjectLock);
+    InitializeEventLog();
     MonitorObjects[PreferredMonitorObject] = hk::CreateDriverObject("\\Driver\\tmon");
 }
 

@@ -1,42 +1,16 @@
-// The app-blocking policy: reading, checking and parsing the agent's file,
-// the rule set, its swap and removal, and the digest match.
+// The app-blocking policy: reading, checking and parsing the agent's file
+// into a rule set.
 #include "policy/appblocking.h"
 
-#include "diagnostics/eventlog.h"
-#include "diagnostics/trace.h"
-#include "frame/helpers.h"
+#include "base/strings.h"
+#include "base/trace.h"
 #include "policy/policyfile.h"
-
-TEXPRT_ASSERT_LAYOUT32(sizeof(AppBlockingResult) == 32);
-TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(AppBlockingResult, RuleId) == 12);
-
-ProcessAppBlockingRuleSet *volatile AppBlockingRuleSet;
-volatile LONG64 PolicyFlags;
-// Zero-filled static storage is a valid free resource; it is never
-// initialised or deleted.
-ERESOURCE AppBlockingRuleLock;
+#include "policy/records.h"
 
 namespace {
 
-ULONG ReadUlong(const UCHAR *Bytes) {
-    ULONG Value;
-    RtlCopyMemory(&Value, Bytes, sizeof(Value));
-    return Value;
-}
-
-VOID WriteUlong(UCHAR *Bytes, ULONG Value) { RtlCopyMemory(Bytes, &Value, sizeof(Value)); }
-
 VOID ReportMismatch(PCWSTR Label, ULONG Found) {
-    ReportPolicyVersionMismatch(Label, (USHORT)(Found & 0xFF), (USHORT)AppBlockingFormatVersion);
-}
-
-// 64-bit store that keeps both halves together for lock-free readers on a
-// 32-bit machine.
-VOID ExchangePolicyFlags(ULONGLONG Flags) {
-    LONG64 Old;
-    do {
-        Old = PolicyFlags;
-    } while (InterlockedCompareExchange64(&PolicyFlags, (LONG64)Flags, Old) != Old);
+    ReportPolicyRecordMismatch(Label, Found, AppBlockingFormatVersion);
 }
 
 UCHAR NarrowLower(UCHAR Character) { return (Character >= 'A' && Character <= 'Z') ? Character + 0x20 : Character; }
@@ -165,67 +139,48 @@ NTSTATUS ParseAppBlockingPolicy(PUCHAR Image, ULONGLONG *FlagsOut, ProcessAppBlo
     if (Header.RuleCount != 0) Status = CreateAppBlockingRuleSet(Header.RuleCount, &Set);
     // With no rules announced there is no set, and any record is an error.
     if (DataSize != 0 && (Header.RuleCount == 0 || NT_SUCCESS(Status))) {
-        // The checksum proves the writer, not the counts: every record, its
-        // entries and the number of rules are held against what the image and
-        // the set really hold before anything is read, and a file that
-        // claims more is refused.
-        ULONG Offset = 0;
-        while (Offset < DataSize) {
-            if ((ULONGLONG)Offset + AppBlockingRecordFixedSize > DataSize) {
-                Status = STATUS_DATA_ERROR;
-                break;
-            }
-            PUCHAR Record = Records + Offset;
-            AppBlockingRuleRecord Rule;
-            RtlCopyMemory(&Rule, Record, sizeof(Rule));
-            if (Rule.Magic != AppBlockingRuleMagic) {
-                ReportMismatch(WIDE("App Blocking Process Rule Magic Number"), Rule.Magic);
-                Status = STATUS_DATA_ERROR;
-                break;
-            }
-            if (Rule.RuleCategory != 0) {
-                Status = STATUS_INVALID_PARAMETER;
-                break;
-            }
-            if (Set == nullptr) {
-                Status = STATUS_DATA_ERROR;
-                break;
-            }
-            if (Rule.BodyMagic != AppBlockingBodyMagic) {
-                ReportMismatch(WIDE("App Blocking Process Rule Body Header"), Rule.BodyMagic);
-                Status = STATUS_INVALID_PARAMETER;
-                break;
-            }
-            const ULONGLONG EntriesEnd =
-                AppBlockingRecordFixedSize + (ULONGLONG)Rule.HashCount * AppBlockingHashEntrySize;
-            if (Rule.RecordSize == 0 || (ULONGLONG)Offset + Rule.RecordSize > DataSize ||
-                EntriesEnd > Rule.RecordSize || Set->RuleCount >= Set->Capacity) {
-                Status = STATUS_DATA_ERROR;
-                break;
-            }
-            AppBlockingRule *Slot = &Set->Rules[Set->RuleCount];
-            Status = InitAppBlockingRule(Slot, Rule.RuleType, Rule.RuleId, Header.PolicyTag);
-            if (!NT_SUCCESS(Status)) break;
-            Set->RuleCount += 1;
-            for (ULONG Entry = 0; Entry < Rule.HashCount; ++Entry) {
-                PUCHAR EntryBytes = Record + AppBlockingRecordFixedSize + Entry * AppBlockingHashEntrySize;
-                const ULONG EntryMagic = ReadUlong(EntryBytes);
-                if (EntryMagic != AppBlockingHashMagic) {
-                    ReportMismatch(WIDE("App Blocking SHA256 rule"), EntryMagic);
-                    Status = STATUS_INVALID_PARAMETER;
-                    break;
+        // Every record, its entries and the number of rules are held against
+        // what the image and the set really hold before anything is read,
+        // and a file that claims more is refused.
+        Status = WalkPolicyRecords(
+            Records, DataSize, AppBlockingRecordFixedSize, AppBlockingRuleMagic,
+            WIDE("App Blocking Process Rule Magic Number"), [&](PUCHAR Record, ULONG Offset, ULONG *Size) {
+                AppBlockingRuleRecord Rule;
+                RtlCopyMemory(&Rule, Record, sizeof(Rule));
+                if (Rule.RuleCategory != 0) return STATUS_INVALID_PARAMETER;
+                if (Set == nullptr) return STATUS_DATA_ERROR;
+                if (Rule.BodyMagic != AppBlockingBodyMagic) {
+                    ReportMismatch(WIDE("App Blocking Process Rule Body Header"), Rule.BodyMagic);
+                    return STATUS_INVALID_PARAMETER;
                 }
-                // The text reference slot takes the text's address, as the
-                // format says; only its low 32 bits fit on a 64-bit host.
-                const WCHAR *Text = (const WCHAR *)(EntryBytes + FIELD_OFFSET(AppBlockingHashEntry, Digest));
-                WriteUlong(EntryBytes + FIELD_OFFSET(AppBlockingHashEntry, TextReference), (ULONG)(ULONG_PTR)Text);
-                PUCHAR *NewSlot = nullptr;
-                Status = AddAppBlockingHash(Slot, Text, AppBlockingDigestChars, &NewSlot);
-                if (!NT_SUCCESS(Status)) break;
-            }
-            if (!NT_SUCCESS(Status)) break;
-            Offset += Rule.RecordSize;
-        }
+                const ULONGLONG EntriesEnd =
+                    AppBlockingRecordFixedSize + (ULONGLONG)Rule.HashCount * AppBlockingHashEntrySize;
+                if (Rule.RecordSize == 0 || !PolicyFits(Offset, Rule.RecordSize, DataSize) ||
+                    EntriesEnd > Rule.RecordSize || Set->RuleCount >= Set->Capacity)
+                    return STATUS_DATA_ERROR;
+                *Size = Rule.RecordSize;
+                AppBlockingRule *Slot = &Set->Rules[Set->RuleCount];
+                NTSTATUS RuleStatus = InitAppBlockingRule(Slot, Rule.RuleType, Rule.RuleId, Header.PolicyTag);
+                if (!NT_SUCCESS(RuleStatus)) return RuleStatus;
+                Set->RuleCount += 1;
+                for (ULONG Entry = 0; Entry < Rule.HashCount; ++Entry) {
+                    PUCHAR EntryBytes = Record + AppBlockingRecordFixedSize + Entry * AppBlockingHashEntrySize;
+                    const ULONG EntryMagic = PolicyUlong(EntryBytes);
+                    if (EntryMagic != AppBlockingHashMagic) {
+                        ReportMismatch(WIDE("App Blocking SHA256 rule"), EntryMagic);
+                        return STATUS_INVALID_PARAMETER;
+                    }
+                    // The text reference slot takes the text's address, as the
+                    // format says; only its low 32 bits fit on a 64-bit host.
+                    const WCHAR *Text = (const WCHAR *)(EntryBytes + FIELD_OFFSET(AppBlockingHashEntry, Digest));
+                    PolicyWriteUlong(EntryBytes + FIELD_OFFSET(AppBlockingHashEntry, TextReference),
+                                     (ULONG)(ULONG_PTR)Text);
+                    PUCHAR *NewSlot = nullptr;
+                    RuleStatus = AddAppBlockingHash(Slot, Text, AppBlockingDigestChars, &NewSlot);
+                    if (!NT_SUCCESS(RuleStatus)) return RuleStatus;
+                }
+                return STATUS_SUCCESS;
+            });
     }
     if (!NT_SUCCESS(Status)) {
         TRACE_STATUS(Status);
@@ -249,92 +204,3 @@ NTSTATUS LoadAppBlockingPolicy(PUNICODE_STRING Path, ULONGLONG *FlagsOut, Proces
     PoolFree(Image);
     return Status;
 }
-
-NTSTATUS MatchAppBlockingRuleSet(const UCHAR *Digest, const ProcessAppBlockingRuleSet *Set,
-                                 AppBlockingResult *Result) {
-    if (Digest == nullptr || Set == nullptr || Result == nullptr) return STATUS_INVALID_PARAMETER;
-    Result->Matched = 0;
-    // Every rule is visited, and each rule with digests clears Matched before
-    // testing its own list: the verdict and the identity are the last rule's.
-    for (ULONG Index = 0; Index < Set->RuleCount; ++Index) {
-        const AppBlockingRule *Rule = &Set->Rules[Index];
-        if (Rule->RuleType != AppBlockingProcessRuleType) return STATUS_INVALID_PARAMETER;
-        if (Rule->Hashes == nullptr) return STATUS_INVALID_PARAMETER;
-        if (Rule->HashCount != 0) {
-            Result->Matched = 0;
-            for (ULONG Hash = 0; Hash < Rule->HashCount; ++Hash) {
-                const UCHAR *Listed = Rule->Hashes[Hash];
-                if (Listed == nullptr) return STATUS_INVALID_PARAMETER;
-                ULONG Word = 0;
-                for (; Word < AppBlockingDigestBytes / sizeof(ULONG); ++Word)
-                    if (ReadUlong(Digest + Word * 4) != ReadUlong(Listed + Word * 4)) break;
-                if (Word == AppBlockingDigestBytes / sizeof(ULONG)) {
-                    Result->Matched = 1;
-                    break;
-                }
-            }
-        }
-        Result->RuleSeen = 1;
-        Result->PolicyTag = Rule->PolicyTag;
-        RtlCopyMemory(Result->RuleId, Rule->RuleId, sizeof(Result->RuleId));
-        Result->Reserved = 0;
-    }
-    return STATUS_SUCCESS;
-}
-
-TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesProcessAppBlockingRuleSet(const UCHAR *Digest, AppBlockingResult *Result) {
-    if (Result == nullptr) {
-        TRACE_STATUS(STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
-    Result->Matched = 0;
-    KeEnterCriticalRegion();
-    ExAcquireResourceSharedLite(&AppBlockingRuleLock, TRUE);
-    // The set pointer is read only under the lock: a swap cannot free it now.
-    const NTSTATUS Status = MatchAppBlockingRuleSet(Digest, AppBlockingRuleSet, Result);
-    ExReleaseResourceLite(&AppBlockingRuleLock);
-    KeLeaveCriticalRegion();
-    if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
-    return Status;
-}
-
-TEXPRT_EXPORT UCHAR NTAPI TcIsHBBProcessSHA256SupportEnabled() {
-    // The low byte of the live word, read with no lock.
-    return *(volatile const UCHAR *)&PolicyFlags & 1;
-}
-
-namespace {
-
-enum class FlagsWritten { InsideLock, AfterRelease };
-
-// The one swap of the store: the set pointer changes under the exclusive
-// lock, which waits for running matches; the old set is freed behind the
-// release. Where the flags change differs between an install, a removal
-// and the tear-down, and each keeps its own order.
-VOID SwapAppBlockingRuleSet(ProcessAppBlockingRuleSet *Set, ULONGLONG Flags, FlagsWritten When) {
-    KeEnterCriticalRegion();
-    ExAcquireResourceExclusiveLite(&AppBlockingRuleLock, TRUE);
-    auto *Old = (ProcessAppBlockingRuleSet *)InterlockedExchangePointer((PVOID volatile *)&AppBlockingRuleSet, Set);
-    if (When == FlagsWritten::InsideLock) ExchangePolicyFlags(Flags);
-    ExReleaseResourceLite(&AppBlockingRuleLock);
-    KeLeaveCriticalRegion();
-    if (When == FlagsWritten::AfterRelease) ExchangePolicyFlags(Flags);
-    if (Old != nullptr) FreeAppBlockingRuleSet(Old);
-}
-
-}  // namespace
-
-NTSTATUS InstallAppBlockingRuleSet(ULONGLONG Flags, ProcessAppBlockingRuleSet *Set) {
-    if (Set == nullptr) {
-        TRACE_STATUS(STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
-    SwapAppBlockingRuleSet(Set, Flags, FlagsWritten::InsideLock);
-    return STATUS_SUCCESS;
-}
-
-// The flags follow the set out after the release, so the SHA-256 query may
-// answer yes for a moment with no set present.
-VOID RemoveAppBlockingRuleSet() { SwapAppBlockingRuleSet(nullptr, 0, FlagsWritten::AfterRelease); }
-
-VOID ClearAppBlockingRuleSet() { SwapAppBlockingRuleSet(nullptr, 0, FlagsWritten::InsideLock); }

@@ -1,6 +1,7 @@
 // The app-blocking policy: SHA-256 digests of executables that the agent
 // wants blocked, read from the agent's binary file into a non-paged rule set
-// that a monitor queries on the path of process creation.
+// that a monitor queries on the path of process creation. The store that
+// holds the live set, and its match, are in rules/.
 #pragma once
 
 #include "platform/nt.h"
@@ -69,11 +70,6 @@ struct ProcessAppBlockingRuleSet {
     AppBlockingRule Rules[1];  // room for Capacity + 1
 };
 
-// The store.
-extern ProcessAppBlockingRuleSet *volatile AppBlockingRuleSet;
-extern volatile LONG64 PolicyFlags;
-extern ERESOURCE AppBlockingRuleLock;
-
 NTSTATUS LoadAppBlockingPolicy(PUNICODE_STRING Path, ULONGLONG *FlagsOut, ProcessAppBlockingRuleSet **SetOut);
 NTSTATUS ReadAppBlockingPolicyFile(PUNICODE_STRING Path, PUCHAR *ImageOut, ULONG *SizeOut);
 // Parses an image of at least DataSize + 40 bytes, as the reader gives it.
@@ -83,9 +79,3 @@ NTSTATUS FreeAppBlockingRuleSet(ProcessAppBlockingRuleSet *Set);
 NTSTATUS InitAppBlockingRule(AppBlockingRule *Rule, ULONG RuleType, const ULONG RuleId[4], ULONG PolicyTag);
 NTSTATUS FreeAppBlockingRule(AppBlockingRule *Rule);
 NTSTATUS AddAppBlockingHash(AppBlockingRule *Rule, const WCHAR *Text, ULONG Characters, PUCHAR **SlotOut);
-NTSTATUS InstallAppBlockingRuleSet(ULONGLONG Flags, ProcessAppBlockingRuleSet *Set);
-VOID RemoveAppBlockingRuleSet();
-// Tear-down: clears the set and the flags under the lock.
-VOID ClearAppBlockingRuleSet();
-NTSTATUS MatchAppBlockingRuleSet(const UCHAR *Digest, const ProcessAppBlockingRuleSet *Set,
-                                 AppBlockingResult *Result);

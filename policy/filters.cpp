@@ -5,9 +5,9 @@
 // settled here, so that a match finds its text and flags ready.
 #include "policy/monitor.h"
 
+#include "base/strings.h"
+#include "base/trace.h"
 #include "diagnostics/eventlog.h"
-#include "diagnostics/trace.h"
-#include "frame/helpers.h"
 
 namespace {
 
@@ -101,10 +101,6 @@ NTSTATUS LoadTextRecords(PUCHAR Records, ULONG Count, ULONG Available, ULONG Mag
 }
 
 }  // namespace
-
-VOID ReportPolicyRecordMismatch(PCWSTR Label, ULONG Found, ULONG Expected) {
-    ReportPolicyVersionMismatch(Label, (USHORT)(Found & 0xFF), (USHORT)Expected);
-}
 
 NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLEAN Terminated,
                           PUNICODE_STRING View) {

@@ -3,9 +3,9 @@
 // set, the rule contexts, and the sets' allocation and release.
 #include "policy/monitor.h"
 
+#include "base/strings.h"
+#include "base/trace.h"
 #include "diagnostics/eventlog.h"
-#include "diagnostics/trace.h"
-#include "frame/helpers.h"
 #include "policy/policyfile.h"
 
 namespace {
@@ -42,38 +42,35 @@ NTSTATUS FreeSet(Set *Target, FreeBody Free) {
     return STATUS_SUCCESS;
 }
 
-// The record at Offset of the record area: its magic and its extent are
-// checked before anything else of it is read. A RecordSize of 0 would hold
-// the walk in place, and one that runs past the area would lead it out.
-NTSTATUS NextRecord(PUCHAR Records, ULONG BodyLength, ULONG Offset, RuleRecordHeader *Header) {
-    if (!PolicyFits(Offset, 2 * sizeof(ULONG), BodyLength)) return STATUS_DATA_ERROR;
-    RtlZeroMemory(Header, sizeof(*Header));
-    Header->RuleMagic = PolicyUlong(Records + Offset);
-    if (Header->RuleMagic != RuleRecordMagic) {
-        ReportPolicyRecordMismatch(WIDE("Rule Magic Number"), Header->RuleMagic, 1);
-        return STATUS_DATA_ERROR;
-    }
-    Header->RecordSize = PolicyUlong(Records + Offset + 4);
-    if (Header->RecordSize < sizeof(RuleRecordHeader) || !PolicyFits(Offset, Header->RecordSize, BodyLength))
-        return STATUS_DATA_ERROR;
-    RtlCopyMemory(Header, Records + Offset, sizeof(*Header));
-    return STATUS_SUCCESS;
+// Every record of the area, in file order, with its head read: the walk
+// has checked the magic; here the size is held against the area before
+// anything else of the record is read. A RecordSize of 0 would hold the walk
+// in place, and one that runs past the area would lead it out.
+template <typename Visitor>
+NTSTATUS WalkRuleRecords(PUCHAR Records, ULONG BodyLength, Visitor &&Visit) {
+    return WalkPolicyRecords(Records, BodyLength, 2 * sizeof(ULONG), RuleRecordMagic, WIDE("Rule Magic Number"),
+                             [&](PUCHAR Record, ULONG Offset, ULONG *Size) {
+                                 RuleRecordHeader Header;
+                                 Header.RecordSize = PolicyUlong(Record + 4);
+                                 if (Header.RecordSize < sizeof(RuleRecordHeader) ||
+                                     !PolicyFits(Offset, Header.RecordSize, BodyLength))
+                                     return STATUS_DATA_ERROR;
+                                 RtlCopyMemory(&Header, Record, sizeof(Header));
+                                 *Size = Header.RecordSize;
+                                 return Visit(Header, Record);
+                             });
 }
 
 // One list's count walk: the categories of the records whose first context
 // names List. WhiteList records are counted by the header, not here.
 NTSTATUS CountList(PUCHAR Records, ULONG BodyLength, ULONG List, ULONG Counts[CategoryCount]) {
-    for (ULONG Offset = 0; Offset < BodyLength;) {
-        RuleRecordHeader Header;
-        const NTSTATUS Status = NextRecord(Records, BodyLength, Offset, &Header);
-        if (!NT_SUCCESS(Status)) return Status;
+    return WalkRuleRecords(Records, BodyLength, [&](const RuleRecordHeader &Header, PUCHAR) {
         if (Header.RuleList == List) {
             if (Header.RuleCategory >= CategoryCount) return STATUS_INVALID_PARAMETER;
             if (Header.RuleCategory != CategoryWhiteList) Counts[Header.RuleCategory] += 1;
         }
-        Offset += Header.RecordSize;
-    }
-    return STATUS_SUCCESS;
+        return STATUS_SUCCESS;
+    });
 }
 
 NTSTATUS CreateFamily(const ULONG Counts[CategoryCount], MonitorRuleSets *Sets) {
@@ -115,36 +112,21 @@ NTSTATUS ParseIntoFamily(MonitorRuleSets *Sets, const RuleRecordHeader &Header, 
 
 NTSTATUS BuildFamily(PUCHAR Records, ULONG BodyLength, ULONG List, const ULONG Counts[CategoryCount],
                      MonitorRuleSets *Sets) {
-    NTSTATUS Status = CreateFamily(Counts, Sets);
+    const NTSTATUS Status = CreateFamily(Counts, Sets);
     if (!NT_SUCCESS(Status)) return Status;
-    for (ULONG Offset = 0; Offset < BodyLength;) {
-        RuleRecordHeader Header;
-        Status = NextRecord(Records, BodyLength, Offset, &Header);
-        if (!NT_SUCCESS(Status)) return Status;
-        if (Header.RuleList == List) {
-            Status = ParseIntoFamily(Sets, Header, Records + Offset);
-            if (!NT_SUCCESS(Status)) return Status;
-        }
-        Offset += Header.RecordSize;
-    }
-    return STATUS_SUCCESS;
+    return WalkRuleRecords(Records, BodyLength, [&](const RuleRecordHeader &Header, PUCHAR Record) {
+        return Header.RuleList == List ? ParseIntoFamily(Sets, Header, Record) : STATUS_SUCCESS;
+    });
 }
 
 // Whitelist rules are kept whatever list their first context names.
 NTSTATUS BuildWhiteList(PUCHAR Records, ULONG BodyLength, MonitorWhiteListRuleSet *Set) {
-    for (ULONG Offset = 0; Offset < BodyLength;) {
-        RuleRecordHeader Header;
-        NTSTATUS Status = NextRecord(Records, BodyLength, Offset, &Header);
-        if (!NT_SUCCESS(Status)) return Status;
+    return WalkRuleRecords(Records, BodyLength, [&](const RuleRecordHeader &Header, PUCHAR Record) {
         if (Header.RuleCategory >= CategoryCount) return STATUS_INVALID_PARAMETER;
-        if (Header.RuleCategory == CategoryWhiteList) {
-            if (Set == nullptr) return STATUS_DATA_ERROR;
-            Status = ParseMonitorWhiteListRule(Set, Records + Offset, Header.RecordSize);
-            if (!NT_SUCCESS(Status)) return Status;
-        }
-        Offset += Header.RecordSize;
-    }
-    return STATUS_SUCCESS;
+        if (Header.RuleCategory != CategoryWhiteList) return STATUS_SUCCESS;
+        if (Set == nullptr) return STATUS_DATA_ERROR;
+        return ParseMonitorWhiteListRule(Set, Record, Header.RecordSize);
+    });
 }
 
 }  // namespace

@@ -6,8 +6,9 @@
 
 #include "platform/nt.h"
 
-#include "diagnostics/trace.h"
-#include "frame/helpers.h"
+#include "base/strings.h"
+#include "base/trace.h"
+#include "policy/records.h"
 
 // ---------------------------------------------------------------- the file
 // All numbers little-endian. Every magic word is compared whole; its low
@@ -390,29 +391,6 @@ NTSTATUS LoadNetworkPortRangeFilters(NetworkRuleFilter *Filter, PUCHAR Records, 
 // The header's reference slot takes the text's address.
 NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLEAN Terminated,
                           PUNICODE_STRING View);
-
-// Little-endian words of the image, read without alignment assumptions.
-static inline ULONG PolicyUlong(const UCHAR *Bytes) {
-    ULONG Value;
-    RtlCopyMemory(&Value, Bytes, sizeof(Value));
-    return Value;
-}
-static inline ULONGLONG PolicyUlonglong(const UCHAR *Bytes) {
-    ULONGLONG Value;
-    RtlCopyMemory(&Value, Bytes, sizeof(Value));
-    return Value;
-}
-static inline USHORT PolicyUshort(const UCHAR *Bytes) {
-    USHORT Value;
-    RtlCopyMemory(&Value, Bytes, sizeof(Value));
-    return Value;
-}
-// Whether Size bytes at Offset lie inside Available bytes.
-static inline BOOLEAN PolicyFits(ULONGLONG Offset, ULONGLONG Size, ULONG Available) {
-    return Offset <= Available && Size <= Available - Offset;
-}
-// Reports a record of the wrong version through the event log.
-VOID ReportPolicyRecordMismatch(PCWSTR Label, ULONG Found, ULONG Expected);
 
 // The parts of a record that every rule family finds the same way.
 struct ParsedRecord {

@@ -3,9 +3,9 @@
 // filter's address and port lists is the local end, group 1 the remote end.
 #include "policy/monitor.h"
 
+#include "base/strings.h"
+#include "base/trace.h"
 #include "diagnostics/eventlog.h"
-#include "diagnostics/trace.h"
-#include "frame/helpers.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 // kinds below says.
 #include "policy/monitor.h"
 
+#include "base/strings.h"
+#include "base/trace.h"
 #include "diagnostics/eventlog.h"
-#include "diagnostics/trace.h"
-#include "frame/helpers.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The one reader of the agent's binary policy files.
 #include "policy/policyfile.h"
 
-#include "frame/helpers.h"
+#include "base/strings.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 // time of day.
 #include "policy/monitor.h"
 
+#include "base/strings.h"
+#include "base/trace.h"
 #include "diagnostics/eventlog.h"
-#include "diagnostics/trace.h"
-#include "frame/helpers.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 // calls into the kernel, last.
 #include "platform/nt.h"
 
-#include "diagnostics/trace.h"
-#include "frame/helpers.h"
+#include "base/strings.h"
+#include "base/trace.h"
 #include "include/texprt.h"
 #include "rules/match.h"
 #include "rules/store.h"
@@ -123,6 +123,7 @@ BOOLEAN SetHasNetworkRule(const MonitorFileRuleSet *Set) {
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesMonitorFileRuleSet(FileObject *Object, WhiteListState *State,
                                                             FilterResult *Result) {
+    EXPORT_ENTRY(TcTFeMatchesMonitorFileRuleSet);
     if (Object == nullptr || State == nullptr || Result == nullptr) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
@@ -132,24 +133,25 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesMonitorFileRuleSet(FileObject *Object, 
 }
 
 TEXPRT_EXPORT BOOLEAN NTAPI TcTFeIsMonitorFileRuleSetHasUNCRule() {
-    MatchFrame Frame;
-    if (!NT_SUCCESS(Frame.Enter(&MonitorRuleLock, MatchFrame::Shared))) return FALSE;
+    EXPORT_ENTRY(TcTFeIsMonitorFileRuleSetHasUNCRule);
+    MatchFrame Frame(&MonitorRuleLock, MatchFrame::Shared);
+    if (!NT_SUCCESS(Frame.Status())) return FALSE;
     BOOLEAN Found = FALSE;
     if (EdrRuleSets.File != nullptr) Found = SetHasNetworkRule(EdrRuleSets.File);
     if (!Found && FimRuleSets.File != nullptr) Found = SetHasNetworkRule(FimRuleSets.File);
-    Frame.Leave();
     return Found;
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeUnsetBaselineFlagFileRuleSet(MatchedContext *Entries, ULONG Size) {
+    EXPORT_ENTRY(TcTFeUnsetBaselineFlagFileRuleSet);
     if (Entries == nullptr) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
     // The one place where the match path writes into a live rule: the lock
     // is taken exclusive.
-    MatchFrame Frame;
-    const NTSTATUS Status = Frame.Enter(&MonitorRuleLock, MatchFrame::Exclusive);
+    MatchFrame Frame(&MonitorRuleLock, MatchFrame::Exclusive);
+    const NTSTATUS Status = Frame.Status();
     if (!NT_SUCCESS(Status)) return Status;
     MonitorFileRuleSet *Set = FimRuleSets.File;
     if (Set != nullptr) {
@@ -170,11 +172,11 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeUnsetBaselineFlagFileRuleSet(MatchedContext *E
             }
         }
     }
-    Frame.Leave();
     return Status;
 }
 
 TEXPRT_EXPORT BOOLEAN NTAPI TcTFeIsSubPathOfRulePath(PCUNICODE_STRING RulePath, PCUNICODE_STRING Name,
                                                      BOOLEAN IgnoreCase) {
+    EXPORT_ENTRY(TcTFeIsSubPathOfRulePath);
     return IsSubPath(RulePath, Name, IgnoreCase);
 }

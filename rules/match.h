@@ -10,7 +10,8 @@
 
 #include "platform/nt.h"
 
-#include "diagnostics/trace.h"
+#include "base/exports.h"
+#include "base/trace.h"
 #include "include/texprt.h"
 #include "policy/monitor.h"
 #include "rules/store.h"
@@ -134,19 +135,24 @@ static inline NTSTATUS WriteRuleVerdict(FilterResult *Result, ULONG ContextCount
 
 // Around every read of the monitor rule sets: the floating-point state is
 // saved at APC_LEVEL, then the lock is taken inside a critical region; the
-// release undoes both in reverse order. A refused save means no matching:
-// Enter returns its status and takes no lock.
+// frame's end undoes both in reverse order. A refused save means no
+// matching: Status() gives its status, no lock is taken, and the frame's end
+// has nothing to undo.
 class MatchFrame {
 public:
     enum LockMode { Shared, Exclusive };
 
-    NTSTATUS Enter(PERESOURCE Lock, LockMode Mode);
-    // Returns the status of the restore.
-    NTSTATUS Leave();
+    MatchFrame(PERESOURCE Lock, LockMode Mode);
+    ~MatchFrame();
+    MatchFrame(const MatchFrame &) = delete;
+    MatchFrame &operator=(const MatchFrame &) = delete;
+
+    NTSTATUS Status() const { return EnterStatus; }
 
 private:
     KFLOATING_SAVE FloatSave;
     PERESOURCE Lock = nullptr;
+    NTSTATUS EnterStatus;
 };
 
 // The outer call of the path matchers: reset the result, enter the frame,
@@ -157,15 +163,17 @@ template <typename RuleSet, typename SetWalk>
 NTSTATUS MatchEdrThenFim(RuleSet *MonitorRuleSets::*Kind, const WhiteListState *State, ULONG ExemptBit,
                          FilterResult *Result, SetWalk &&Walk) {
     ResetFilterResult(Result);
-    MatchFrame Frame;
-    NTSTATUS Status = Frame.Enter(&MonitorRuleLock, MatchFrame::Shared);
-    if (!NT_SUCCESS(Status)) return Status;
-    // The set pointers are read under the lock: a swap cannot free them now.
-    const RuleSet *Edr = EdrRuleSets.*Kind;
-    if (Edr != nullptr && !IsExemptFromEdr(State, ExemptBit)) Status = Walk(Edr);
-    const RuleSet *Fim = FimRuleSets.*Kind;
-    if (NT_SUCCESS(Status) && Fim != nullptr && !IsExemptFromFim(State, ExemptBit)) Status = Walk(Fim);
-    Frame.Leave();
+    NTSTATUS Status;
+    {
+        MatchFrame Frame(&MonitorRuleLock, MatchFrame::Shared);
+        Status = Frame.Status();
+        if (!NT_SUCCESS(Status)) return Status;
+        // The set pointers are read under the lock: a swap cannot free them now.
+        const RuleSet *Edr = EdrRuleSets.*Kind;
+        if (Edr != nullptr && !IsExemptFromEdr(State, ExemptBit)) Status = Walk(Edr);
+        const RuleSet *Fim = FimRuleSets.*Kind;
+        if (NT_SUCCESS(Status) && Fim != nullptr && !IsExemptFromFim(State, ExemptBit)) Status = Walk(Fim);
+    }
     if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
     return Status;
 }

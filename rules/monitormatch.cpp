@@ -3,7 +3,7 @@
 // matching rule), each with its own rule tests and filter conditions.
 #include "platform/nt.h"
 
-#include "diagnostics/trace.h"
+#include "base/trace.h"
 #include "include/texprt.h"
 #include "rules/match.h"
 #include "rules/store.h"
@@ -192,6 +192,7 @@ NTSTATUS RefuseNull() {
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesMonitorRegistryRuleSet(RegistryObject *Object, WhiteListState *State,
                                                                 FilterResult *Result) {
+    EXPORT_ENTRY(TcTFeMatchesMonitorRegistryRuleSet);
     if (Object == nullptr || State == nullptr || Result == nullptr) return RefuseNull();
     return MatchEdrThenFim(&MonitorRuleSets::Registry, State, ExemptRegistry, Result,
                            [&](const MonitorRegistryRuleSet *Set) { return WalkRegistryRules(Set, Object, Result); });
@@ -199,6 +200,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesMonitorRegistryRuleSet(RegistryObject *
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesMonitorProcessRuleSet(ProcessObject *Object, WhiteListState *State,
                                                                FilterResult *Result) {
+    EXPORT_ENTRY(TcTFeMatchesMonitorProcessRuleSet);
     if (Object == nullptr || State == nullptr || Result == nullptr) return RefuseNull();
     return MatchEdrThenFim(&MonitorRuleSets::Process, State, ExemptProcess, Result,
                            [&](const MonitorProcessRuleSet *Set) { return WalkProcessRules(Set, Object, Result); });
@@ -206,6 +208,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesMonitorProcessRuleSet(ProcessObject *Ob
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesMonitorSystemRuleSet(SystemObject *Object, WhiteListState *State,
                                                               FilterResult *Result) {
+    EXPORT_ENTRY(TcTFeMatchesMonitorSystemRuleSet);
     if (Object == nullptr || State == nullptr || Result == nullptr) return RefuseNull();
     return MatchEdrThenFim(&MonitorRuleSets::System, State, ExemptSystem, Result,
                            [&](const MonitorSystemRuleSet *Set) { return WalkSystemRules(Set, Object, Result); });

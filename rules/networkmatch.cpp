@@ -4,7 +4,7 @@
 // to the local end of the connection, group 1 to the remote end.
 #include "platform/nt.h"
 
-#include "diagnostics/trace.h"
+#include "base/trace.h"
 #include "include/texprt.h"
 #include "rules/match.h"
 #include "rules/store.h"
@@ -99,18 +99,20 @@ NTSTATUS WalkNetworkRules(const MonitorNetworkRuleSet *Set, const NetworkObject 
 // The EDR network set only: the FIM family's network set is not matched.
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesMonitorNetworkRuleSet(NetworkObject *Object, WhiteListState *State,
                                                                FilterResult *Result) {
+    EXPORT_ENTRY(TcTFeMatchesMonitorNetworkRuleSet);
     NTSTATUS Status = ResetFilterResult(Result);
     if (NT_SUCCESS(Status) && (Object == nullptr || State == nullptr)) Status = STATUS_INVALID_PARAMETER;
     if (!NT_SUCCESS(Status)) {
         TRACE_STATUS(Status);
         return Status;
     }
-    MatchFrame Frame;
-    Status = Frame.Enter(&MonitorRuleLock, MatchFrame::Shared);
-    if (!NT_SUCCESS(Status)) return Status;
-    const MonitorNetworkRuleSet *Set = EdrRuleSets.Network;
-    if (Set != nullptr && !IsExemptFromEdr(State, ExemptNetwork)) Status = WalkNetworkRules(Set, Object, Result);
-    Frame.Leave();
+    {
+        MatchFrame Frame(&MonitorRuleLock, MatchFrame::Shared);
+        Status = Frame.Status();
+        if (!NT_SUCCESS(Status)) return Status;
+        const MonitorNetworkRuleSet *Set = EdrRuleSets.Network;
+        if (Set != nullptr && !IsExemptFromEdr(State, ExemptNetwork)) Status = WalkNetworkRules(Set, Object, Result);
+    }
     if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
     return Status;
 }

@@ -6,8 +6,8 @@
 // be searched with wcschr.
 #include "platform/nt.h"
 
-#include "diagnostics/trace.h"
-#include "frame/helpers.h"
+#include "base/strings.h"
+#include "base/trace.h"
 #include "include/texprt.h"
 #include "rules/match.h"
 
@@ -253,6 +253,7 @@ NTSTATUS MergeWhiteListState(WhiteListState *Destination, const WhiteListState *
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeFileObject(FileObject *Object, PCUNICODE_STRING Name,
                                                        USHORT PrefixLength, ULONG ObjectType, ULONG Attributes,
                                                        ULONG SizeLow, ULONG SizeHigh) {
+    EXPORT_ENTRY(TcTFeInitializeFileObject);
     if (Object == nullptr || !IsRequired(Name) || (ObjectType & (TEXPRT_OBJECT_FILE | TEXPRT_OBJECT_DIRECTORY)) == 0)
         return Refused();
     return Traced(InitializeFileObject(Object, Name, PrefixLength, ObjectType, Attributes, SizeLow, SizeHigh));
@@ -260,10 +261,12 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeFileObject(FileObject *Object, PCUNI
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddFileEventInfo(FileObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                    ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
+    EXPORT_ENTRY(TcTFeAddFileEventInfo);
     return AddBorrowedEventInfo(Object, TimeLow, TimeHigh, Actor, ActorSize, Operation);
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupFileObject(FileObject *Object) {
+    EXPORT_ENTRY(TcTFeCleanupFileObject);
     if (Object == nullptr) return Refused();
     // Operation and VolumePrefix stay; the prefix now points at freed
     // memory, and nothing reads it after the cleanup.
@@ -277,6 +280,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupFileObject(FileObject *Object) {
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeRegistryObject(RegistryObject *Object, PCUNICODE_STRING KeyName,
                                                            PCUNICODE_STRING ValueName, ULONG ObjectType) {
+    EXPORT_ENTRY(TcTFeInitializeRegistryObject);
     if (Object == nullptr || !IsRequired(KeyName) ||
         (ObjectType & (TEXPRT_OBJECT_REGISTRY_KEY | TEXPRT_OBJECT_REGISTRY_VALUE)) == 0)
         return Refused();
@@ -285,10 +289,12 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeRegistryObject(RegistryObject *Objec
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddRegistryEventInfo(RegistryObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                        ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
+    EXPORT_ENTRY(TcTFeAddRegistryEventInfo);
     return AddBorrowedEventInfo(Object, TimeLow, TimeHigh, Actor, ActorSize, Operation);
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupRegistryObject(RegistryObject *Object) {
+    EXPORT_ENTRY(TcTFeCleanupRegistryObject);
     if (Object == nullptr) return Refused();
     // EventInfo and Operation stay.
     FreeUnicodeString(&Object->KeyName);
@@ -299,6 +305,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupRegistryObject(RegistryObject *Object) 
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeProcessObject(ProcessObject *Object, PCUNICODE_STRING Name) {
+    EXPORT_ENTRY(TcTFeInitializeProcessObject);
     if (Object == nullptr || !IsRequired(Name)) return Refused();
     // An image path keeps a trailing backslash.
     const NTSTATUS Status = CopyObjectName(&Object->Name, Name, TrailingBackslash::Keep);
@@ -308,10 +315,12 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeProcessObject(ProcessObject *Object,
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddProcessEventInfo(ProcessObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                       ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
+    EXPORT_ENTRY(TcTFeAddProcessEventInfo);
     return AddCapturedEventInfo(Object, TimeLow, TimeHigh, Actor, ActorSize, Operation);
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupProcessObject(ProcessObject *Object) {
+    EXPORT_ENTRY(TcTFeCleanupProcessObject);
     if (Object == nullptr) return Refused();
     FreeUnicodeString(&Object->Name);
     Object->ObjectType = 0;
@@ -320,6 +329,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupProcessObject(ProcessObject *Object) {
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeSystemObject(SystemObject *Object, PCUNICODE_STRING Name) {
+    EXPORT_ENTRY(TcTFeInitializeSystemObject);
     if (Object == nullptr || !IsRequired(Name)) return Refused();
     const NTSTATUS Status = CopyObjectName(&Object->Name, Name, TrailingBackslash::Drop);
     if (NT_SUCCESS(Status)) Object->ObjectType = TEXPRT_OBJECT_SYSTEM;
@@ -328,12 +338,14 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeSystemObject(SystemObject *Object, P
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddSystemEventInfo(SystemObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                      ActorInformation *Actor, ULONG ActorSize) {
+    EXPORT_ENTRY(TcTFeAddSystemEventInfo);
     if (!AddArgumentsValid(Object, TimeLow, TimeHigh, Actor, ActorSize)) return Refused();
     BorrowEventInfo(&Object->EventInfo, TimeLow, TimeHigh, Actor, ActorSize);
     return STATUS_SUCCESS;
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupSystemObject(SystemObject *Object) {
+    EXPORT_ENTRY(TcTFeCleanupSystemObject);
     if (Object == nullptr) return Refused();
     // EventInfo stays.
     FreeUnicodeString(&Object->Name);
@@ -345,15 +357,18 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupSystemObject(SystemObject *Object) {
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeNetworkObject(NetworkObject *Object, USHORT LocalPort, USHORT RemotePort,
                                                           PCUNICODE_STRING LocalAddress,
                                                           PCUNICODE_STRING RemoteAddress) {
+    EXPORT_ENTRY(TcTFeInitializeNetworkObject);
     return Traced(InitializeNetworkObject(Object, LocalPort, RemotePort, LocalAddress, RemoteAddress));
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeAddNetworkEventInfo(NetworkObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                       ActorInformation *Actor, ULONG ActorSize, USHORT Operation) {
+    EXPORT_ENTRY(TcTFeAddNetworkEventInfo);
     return AddCapturedEventInfo(Object, TimeLow, TimeHigh, Actor, ActorSize, Operation);
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupNetworkObject(NetworkObject *Object) {
+    EXPORT_ENTRY(TcTFeCleanupNetworkObject);
     if (Object == nullptr) return Refused();
     FreeUnicodeString(&Object->LocalAddress);
     FreeUnicodeString(&Object->RemoteAddress);
@@ -367,11 +382,13 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupNetworkObject(NetworkObject *Object) {
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeInitializeWhiteListObject(WhiteListObject *Object, PCUNICODE_STRING ImagePath,
                                                             PCUNICODE_STRING CommandLine,
                                                             PCUNICODE_STRING ParentImagePath) {
+    EXPORT_ENTRY(TcTFeInitializeWhiteListObject);
     if (Object == nullptr || !IsRequired(ImagePath)) return Refused();
     return Traced(InitializeWhiteListObject(Object, ImagePath, CommandLine, ParentImagePath));
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupWhiteListObject(WhiteListObject *Object) {
+    EXPORT_ENTRY(TcTFeCleanupWhiteListObject);
     if (Object == nullptr) return Refused();
     FreeUnicodeString(&Object->ImagePath);
     FreeUnicodeString(&Object->CommandLine);
@@ -380,6 +397,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupWhiteListObject(WhiteListObject *Object
 }
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcTFeCleanupResult(FilterResult *Result) {
+    EXPORT_ENTRY(TcTFeCleanupResult);
     if (Result == nullptr) return Refused();
     PoolFree(Result->Contexts);
     return ResetFilterResult(Result);

@@ -2,7 +2,7 @@
 // frame a match runs in.
 #include "platform/nt.h"
 
-#include "diagnostics/trace.h"
+#include "base/trace.h"
 #include "rules/match.h"
 
 namespace {
@@ -315,14 +315,14 @@ VOID TallyActorConditions(const RuleFilter *Filter, const EventInfo *Event, BOOL
 
 // ---------------------------------------------------------------- the frame
 
-NTSTATUS MatchFrame::Enter(PERESOURCE Resource, LockMode Mode) {
+MatchFrame::MatchFrame(PERESOURCE Resource, LockMode Mode) {
     KIRQL OldIrql;
     KeRaiseIrql(APC_LEVEL, &OldIrql);
-    const NTSTATUS Status = KeSaveFloatingPointState(&FloatSave);
+    EnterStatus = KeSaveFloatingPointState(&FloatSave);
     KeLowerIrql(OldIrql);
-    if (!NT_SUCCESS(Status)) {
-        TRACE_STATUS(Status);
-        return Status;
+    if (!NT_SUCCESS(EnterStatus)) {
+        TRACE_STATUS(EnterStatus);
+        return;
     }
     Lock = Resource;
     KeEnterCriticalRegion();
@@ -331,17 +331,15 @@ NTSTATUS MatchFrame::Enter(PERESOURCE Resource, LockMode Mode) {
     } else {
         ExAcquireResourceSharedLite(Lock, TRUE);
     }
-    return STATUS_SUCCESS;
 }
 
-NTSTATUS MatchFrame::Leave() {
+MatchFrame::~MatchFrame() {
+    if (Lock == nullptr) return;
     ExReleaseResourceLite(Lock);
     KeLeaveCriticalRegion();
-    Lock = nullptr;
     KIRQL OldIrql;
     KeRaiseIrql(APC_LEVEL, &OldIrql);
     const NTSTATUS Status = KeRestoreFloatingPointState(&FloatSave);
     KeLowerIrql(OldIrql);
     if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);
-    return Status;
 }

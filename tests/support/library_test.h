@@ -3,7 +3,7 @@
 // phase 0 leaves it.
 #pragma once
 
-#include "frame/frame.h"
+#include "diagnostics/eventlog.h"
 #include "support/machine.h"
 
 namespace texprt_test {
@@ -12,7 +12,7 @@ class LibraryTest : public MachineTest {
 protected:
     void SetUp() override {
         MachineTest::SetUp();
-        ExInitializeFastMutex(&MonitorObjectLock);
+        InitializeEventLog();
         MonitorObjects[PreferredMonitorObject] = hk::CreateDriverObject("\\Driver\\tmon");
     }
     void TearDown() override {

@@ -1,8 +1,9 @@
 // The app-blocking set: digest conversion, the parser under every
 // allocation failure, and matches running against swaps.
-#include "frame/frame.h"
-#include "frame/helpers.h"
+#include "base/strings.h"
+#include "diagnostics/eventlog.h"
 #include "policy/appblocking.h"
+#include "rules/store.h"
 #include "support/library_test.h"
 #include "tpol.h"
 

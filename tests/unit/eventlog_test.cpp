@@ -2,7 +2,7 @@
 #include "platform/nt.h"
 
 #include "diagnostics/eventlog.h"
-#include "frame/frame.h"
+#include "diagnostics/eventlog.h"
 #include "include/texprt.h"
 #include "support/machine.h"
 
@@ -21,7 +21,7 @@ protected:
         MachineTest::SetUp();
         hk::RegisterMessageTable("", TexprtMessageTable, TexprtMessageTableCount);
         monitor_ = hk::CreateDriverObject("\\Driver\\tmon");
-        ExInitializeFastMutex(&MonitorObjectLock);
+        InitializeEventLog();
         MonitorObjects[PreferredMonitorObject] = monitor_;
     }
     void TearDown() override {

@@ -5,7 +5,7 @@
 #include <functional>
 #include <vector>
 
-#include "frame/helpers.h"
+#include "base/strings.h"
 #include "rules/match.h"
 #include "support/machine.h"
 

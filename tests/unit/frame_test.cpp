@@ -1,12 +1,16 @@
 // The frame's start, stop and configuration, on the library's own objects.
 #include "platform/nt.h"
 
+#include "base/filter.h"
+#include "base/registry.h"
+#include "base/strings.h"
+#include "base/workqueue.h"
+#include "diagnostics/counters.h"
 #include "diagnostics/eventlog.h"
-#include "eventstream/datadir.h"
+#include "eventstream/globals.h"
 #include "frame/config.h"
 #include "frame/frame.h"
-#include "frame/helpers.h"
-#include "frame/workqueue.h"
+#include "hashblock/globals.h"
 #include "include/texprt.h"
 #include "support/machine.h"
 

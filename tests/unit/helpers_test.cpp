@@ -1,5 +1,5 @@
 // The pool and string helpers at their boundaries.
-#include "frame/helpers.h"
+#include "base/strings.h"
 #include "support/machine.h"
 
 #include <sys/mman.h>

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "frame/helpers.h"
+#include "base/strings.h"
 #include "policy/monitor.h"
 #include "rules/match.h"
 #include "support/machine.h"
@@ -543,19 +543,22 @@ TEST_F(MatchPrimitivesTest, ARefusedFloatingPointSaveTakesNoLock) {
     ERESOURCE lock;
     ASSERT_EQ(ExInitializeResourceLite(&lock), STATUS_SUCCESS);
     {
-        MatchFrame frame;
-        ASSERT_EQ(frame.Enter(&lock, MatchFrame::Shared), STATUS_SUCCESS);
+        MatchFrame frame(&lock, MatchFrame::Shared);
+        ASSERT_EQ(frame.Status(), STATUS_SUCCESS);
         EXPECT_NE(ExIsResourceAcquiredSharedLite(&lock), 0u);
-        EXPECT_EQ(frame.Leave(), STATUS_SUCCESS);
     }
+    // The frame's end gave the lock back and left the critical region.
+    EXPECT_EQ(ExIsResourceAcquiredSharedLite(&lock), 0u);
+    EXPECT_EQ(KeAreApcsDisabled(), FALSE);
     hk::FailFloatingPointSave(STATUS_ILLEGAL_FLOAT_CONTEXT);
     {
-        MatchFrame frame;
-        EXPECT_EQ(frame.Enter(&lock, MatchFrame::Exclusive), STATUS_ILLEGAL_FLOAT_CONTEXT);
+        MatchFrame frame(&lock, MatchFrame::Exclusive);
+        EXPECT_EQ(frame.Status(), STATUS_ILLEGAL_FLOAT_CONTEXT);
         EXPECT_EQ(ExIsResourceAcquiredSharedLite(&lock), 0u);
         EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&lock));
         EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
     }
+    EXPECT_EQ(KeAreApcsDisabled(), FALSE);
     hk::FailFloatingPointSave(STATUS_SUCCESS);
     ExDeleteResourceLite(&lock);
 }

@@ -1,8 +1,8 @@
 // The monitor policy loader: filter compiles, the rule bodies and their
 // quirks, the container's walks, refusals of files that say more than they
 // hold, and every allocation of a load failing in turn.
-#include "frame/frame.h"
-#include "frame/helpers.h"
+#include "base/strings.h"
+#include "diagnostics/eventlog.h"
 #include "policy/monitor.h"
 #include "support/library_test.h"
 #include "tpol.h"
@@ -354,7 +354,7 @@ TEST_F(MonitorPolicyTest, BadFilesAreRefusedAndReported) {
             if (c.reseal) tpol::Reseal(bytes);
         }
         hk::Reset();
-        ExInitializeFastMutex(&MonitorObjectLock);
+        InitializeEventLog();
         MonitorObjects[PreferredMonitorObject] = hk::CreateDriverObject("\\Driver\\tmon");
         auto image = Padded(bytes);
         EXPECT_EQ(Parse(image), c.status) << c.what;

@@ -1,7 +1,7 @@
 // The monitor store: what an install, a removal and the tear-down do to the
 // sets and the masks, and readers under the shared lock while policies are
 // swapped under them.
-#include "frame/frame.h"
+#include "diagnostics/eventlog.h"
 #include "rules/store.h"
 #include "support/monitor_test.h"
 #include "tpol.h"

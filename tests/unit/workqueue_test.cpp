@@ -1,5 +1,5 @@
 // The work queue's thread, rundown and the clean-up of items that never ran.
-#include "frame/workqueue.h"
+#include "base/workqueue.h"
 #include "support/machine.h"
 
 #include <atomic>

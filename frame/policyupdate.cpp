@@ -1,17 +1,12 @@
 // The policy update procedure and the revocation exports.
-#include "rules/update.h"
+#include "frame/policyupdate.h"
 
+#include "base/exports.h"
+#include "base/registry.h"
+#include "base/strings.h"
+#include "base/trace.h"
 #include "diagnostics/eventlog.h"
-#include "diagnostics/trace.h"
-#include "frame/config.h"
-#include "frame/helpers.h"
-#include "include/texprt.h"
-#include "policy/appblocking.h"
 #include "rules/store.h"
-
-PUNICODE_STRING LastEdrPolicyName;
-PUNICODE_STRING LastProtectionPolicyName;
-PUNICODE_STRING LastAppBlockingPolicyName;
 
 namespace {
 
@@ -180,25 +175,6 @@ VOID RememberPolicyFileName(PCUNICODE_STRING Path, BOOLEAN IsEdr) {
     *Slot = Name;
 }
 
-NTSTATUS UpdateAppBlockingRuleSet(PUNICODE_STRING Path) {
-    ULONGLONG Flags = 0;
-    ProcessAppBlockingRuleSet *Set = nullptr;
-    NTSTATUS Status = LoadAppBlockingPolicy(Path, &Flags, &Set);
-    if (!NT_SUCCESS(Status)) {
-        TRACE_STATUS(Status);
-    } else {
-        Status = InstallAppBlockingRuleSet(Flags, Set);
-        if (!NT_SUCCESS(Status)) {
-            TRACE_STATUS(Status);
-        } else {
-            ReportEvent(MsgAppBlockingPolicyUpdated);
-            Set = nullptr;  // the store owns it now
-        }
-    }
-    if (Set != nullptr) FreeAppBlockingRuleSet(Set);
-    return Status;
-}
-
 VOID FreeRememberedPolicyNames() {
     PoolFree(LastEdrPolicyName);
     PoolFree(LastProtectionPolicyName);
@@ -206,16 +182,22 @@ VOID FreeRememberedPolicyNames() {
     LastEdrPolicyName = LastProtectionPolicyName = LastAppBlockingPolicyName = nullptr;
 }
 
-NTSTATUS ClearAllRuleSets() {
-    ClearMonitorRuleSets();
-    ClearAppBlockingRuleSet();
-    return STATUS_SUCCESS;
+TEXPRT_EXPORT NTSTATUS NTAPI TcUpdateEDRPolicies() {
+    EXPORT_ENTRY(TcUpdateEDRPolicies);
+    return UpdatePolicy(EdrUpdate);
 }
 
-TEXPRT_EXPORT NTSTATUS NTAPI TcUpdateEDRPolicies() { return UpdatePolicy(EdrUpdate); }
+TEXPRT_EXPORT VOID NTAPI TcRevokeEDRPolicies() {
+    EXPORT_ENTRY(TcRevokeEDRPolicies);
+    RevokeEdr();
+}
 
-TEXPRT_EXPORT VOID NTAPI TcRevokeEDRPolicies() { RevokeEdr(); }
+TEXPRT_EXPORT NTSTATUS NTAPI TcUpdateAppBlockingPolicy() {
+    EXPORT_ENTRY(TcUpdateAppBlockingPolicy);
+    return UpdatePolicy(AppBlockingUpdate);
+}
 
-TEXPRT_EXPORT NTSTATUS NTAPI TcUpdateAppBlockingPolicy() { return UpdatePolicy(AppBlockingUpdate); }
-
-TEXPRT_EXPORT VOID NTAPI TcRevokeAppBlockingPolicy() { RevokeAppBlocking(); }
+TEXPRT_EXPORT VOID NTAPI TcRevokeAppBlockingPolicy() {
+    EXPORT_ENTRY(TcRevokeAppBlockingPolicy);
+    RevokeAppBlocking();
+}

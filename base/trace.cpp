@@ -1,7 +1,7 @@
 // Software tracing through ETW, bound with MmGetSystemRoutineAddress.
-#include "diagnostics/trace.h"
+#include "base/trace.h"
 
-#include "frame/helpers.h"
+#include "base/strings.h"
 
 namespace {
 

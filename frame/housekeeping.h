@@ -6,3 +6,8 @@
 
 KDEFERRED_ROUTINE HousekeepingTimerRoutine;
 VOID NTAPI ProcessSweepWork(PVOID Context);
+
+// Arms the timer for another half second.
+VOID ArmHousekeepingTimer();
+// Re-arms it if phase 1 is still claimed.
+VOID RearmHousekeepingTimer();

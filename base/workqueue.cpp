@@ -1,11 +1,7 @@
 // Deferred work queue and its system thread.
-#include "frame/workqueue.h"
+#include "base/workqueue.h"
 
-#include "diagnostics/trace.h"
-#include "frame/helpers.h"
-
-WorkQueue LibraryWorkQueue;
-ULONG WorkThreadCount[WorkQueueClassCount];
+#include "base/pool.h"
 
 namespace {
 

@@ -2,11 +2,23 @@
 // done at PASSIVE_LEVEL: the timer's DPC queues a work item, the work item
 // runs on the work queue thread, and re-arms the timer at its end while
 // phase 1 is claimed. The period is therefore half a second plus one pass.
-#include "process/housekeeping.h"
+#include "frame/housekeeping.h"
 
+#include "base/locks.h"
+#include "base/pool.h"
+#include "base/workqueue.h"
 #include "frame/frame.h"
-#include "frame/helpers.h"
-#include "frame/workqueue.h"
+
+VOID ArmHousekeepingTimer() {
+    LARGE_INTEGER DueTime;
+    DueTime.QuadPart = HousekeepingPeriod;
+    KeSetTimer(&HousekeepingTimer, DueTime, &HousekeepingDpc);
+}
+
+VOID RearmHousekeepingTimer() {
+    SpinLockGuard Guard(&StartLock);
+    if (Phase1Started) ArmHousekeepingTimer();
+}
 
 VOID NTAPI HousekeepingTimerRoutine(PKDPC Dpc, PVOID DeferredContext, PVOID SystemArgument1,
                                     PVOID SystemArgument2) {
