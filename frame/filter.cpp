@@ -5,6 +5,7 @@
 
 #include "base/exports.h"
 #include "base/filter.h"
+#include "base/locks.h"
 #include "base/trace.h"
 
 TEXPRT_EXPORT NTSTATUS NTAPI TcSetMiniFilterPointer(PFLT_FILTER Filter) {
@@ -13,10 +14,9 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcSetMiniFilterPointer(PFLT_FILTER Filter) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    ExAcquireFastMutex(&FilterLock);
+    FastMutexGuard Guard(&FilterLock);
     FilterHandle = Filter;
     FilterAvailable = 1;
-    ExReleaseFastMutex(&FilterLock);
     return STATUS_SUCCESS;
 }
 

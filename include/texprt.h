@@ -27,6 +27,13 @@
 #define TEXPRT_API
 #endif
 
+/* Each export carries the highest IRQL it may be called at, as the kernel's
+ * own headers annotate their routines; the DDK's driverspecs.h defines the
+ * annotation for static analysis. */
+#ifndef _IRQL_requires_max_
+#define _IRQL_requires_max_(irql)
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -191,25 +198,35 @@ typedef struct _FilterResult {
 
 /* ------------------------------------------------------------------ lifecycle */
 
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI DllInitialize(PUNICODE_STRING RegistryPath);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI DllUnload(VOID);
 
 /* Registers the monitor; the first monitor to arrive also builds the shared
  * state and loads configuration and policies. A policy that cannot be read
  * does not fail it. Preferred selects the driver object that event log
  * entries name while it is registered. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcSystemsInitializePhase0(PDRIVER_OBJECT DriverObject, BOOLEAN Preferred);
 /* Second phase, once the file system can be used; a later caller gets
  * STATUS_SUCCESS at once. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcSystemsInitializePhase1(VOID);
+_IRQL_requires_max_(APC_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcNotifyDriverUnload(BOOLEAN Preferred);
 
 /* ------------------------------------------------------------------ filter access */
 
+_IRQL_requires_max_(APC_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcSetMiniFilterPointer(PFLT_FILTER Filter);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API VOID NTAPI TcClearMiniFilterPointer(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcNotifyFilterAvailabilility(UCHAR Available);
+_IRQL_requires_max_(APC_LEVEL)
 TEXPRT_API VOID NTAPI TcAcquireFilterLock(VOID);
+_IRQL_requires_max_(APC_LEVEL)
 TEXPRT_API VOID NTAPI TcReleaseFilterLock(VOID);
 
 /* ------------------------------------------------------------------ state queries
@@ -218,29 +235,47 @@ TEXPRT_API VOID NTAPI TcReleaseFilterLock(VOID);
  * it stands (test for non-zero); the notify queries answer the low byte of
  * the mask ANDed with Operation. */
 
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsSystemCaptureEnabled(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsProcessCaptureEnabled(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsFileSystemCaptureEnabled(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsRegistryCaptureEnabled(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsWhitelistMonitorEnabled(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsNetworkCaptureEnabled(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsDirectoryProtectionEnabled(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsRegistryProtectionEnabled(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsProcessProtectionEnabled(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsDriverProtectionEnabled(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsRegKeyNotify(UCHAR Operation);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsRegValNotify(UCHAR Operation);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsDiskRuleNotify(UCHAR Operation);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsNetworkRuleNotify(UCHAR Operation);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API BOOLEAN NTAPI TcIsPerformanceFlagSet(VOID);
 /* The head of the library's own string, not a copy; its buffer is null
  * until phase 1 has built it. */
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API PUNICODE_STRING NTAPI TcGetTolvexAgentExeLocation(VOID);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API PUNICODE_STRING NTAPI TcGetSystemRootDeviceString(VOID);
 
 /* ------------------------------------------------------------------ configuration */
 
 /* Re-reads "MaxCacheSize" (MiB) under the service's Parameters key. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcUpdateMaxCacheSize(VOID);
 
 /* ------------------------------------------------------------------ policy */
@@ -250,83 +285,116 @@ TEXPRT_API NTSTATUS NTAPI TcUpdateMaxCacheSize(VOID);
  * file leaves the running policy in force. A monitor policy whose file
  * name is the one loaded last is not read again: the agent gives a new
  * policy a new name. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcUpdateEDRPolicies(VOID);
+_IRQL_requires_max_(APC_LEVEL)
 TEXPRT_API VOID NTAPI TcRevokeEDRPolicies(VOID);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcUpdateAppBlockingPolicy(VOID);
+_IRQL_requires_max_(APC_LEVEL)
 TEXPRT_API VOID NTAPI TcRevokeAppBlockingPolicy(VOID);
 
 /* ------------------------------------------------------------------ app blocking */
 
 /* Digest: 32 raw SHA-256 bytes. The status says whether matching ran; the
  * verdict is Result->Matched. */
+_IRQL_requires_max_(APC_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeMatchesProcessAppBlockingRuleSet(const UCHAR *Digest, AppBlockingResult *Result);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API UCHAR NTAPI TcIsHBBProcessSHA256SupportEnabled(VOID);
 
 /* ------------------------------------------------------------------ filter event objects */
 
 /* ObjectType must have bit 0 or 1 set. PrefixLength: bytes of the name that
  * name the volume. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeInitializeFileObject(FileObject *Object, PCUNICODE_STRING Name, USHORT PrefixLength,
                                                     ULONG ObjectType, ULONG Attributes, ULONG SizeLow,
                                                     ULONG SizeHigh);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeAddFileEventInfo(FileObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                 ActorInformation *Actor, ULONG ActorSize, USHORT Operation);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeCleanupFileObject(FileObject *Object);
 /* ObjectType must have bit 2 or 3 set. ValueName may be null. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeInitializeRegistryObject(RegistryObject *Object, PCUNICODE_STRING KeyName,
                                                         PCUNICODE_STRING ValueName, ULONG ObjectType);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeAddRegistryEventInfo(RegistryObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                     ActorInformation *Actor, ULONG ActorSize, USHORT Operation);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeCleanupRegistryObject(RegistryObject *Object);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeInitializeProcessObject(ProcessObject *Object, PCUNICODE_STRING Name);
 /* Copies the actor block: the caller's may go once this returns. */
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeAddProcessEventInfo(ProcessObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                    ActorInformation *Actor, ULONG ActorSize, USHORT Operation);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeCleanupProcessObject(ProcessObject *Object);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeInitializeSystemObject(SystemObject *Object, PCUNICODE_STRING Name);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeAddSystemEventInfo(SystemObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                   ActorInformation *Actor, ULONG ActorSize);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeCleanupSystemObject(SystemObject *Object);
 /* LocalAddress is required; RemoteAddress may be null. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeInitializeNetworkObject(NetworkObject *Object, USHORT LocalPort, USHORT RemotePort,
                                                        PCUNICODE_STRING LocalAddress,
                                                        PCUNICODE_STRING RemoteAddress);
 /* Copies the actor block: the caller's may go once this returns. */
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeAddNetworkEventInfo(NetworkObject *Object, ULONG TimeLow, ULONG TimeHigh,
                                                    ActorInformation *Actor, ULONG ActorSize, USHORT Operation);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeCleanupNetworkObject(NetworkObject *Object);
 /* CommandLine and ParentImagePath may be null. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeInitializeWhiteListObject(WhiteListObject *Object, PCUNICODE_STRING ImagePath,
                                                          PCUNICODE_STRING CommandLine,
                                                          PCUNICODE_STRING ParentImagePath);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeCleanupWhiteListObject(WhiteListObject *Object);
 /* Frees Contexts and resets the result for its next match. */
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeCleanupResult(FilterResult *Result);
 
 /* ------------------------------------------------------------------ monitor matching
  * Every rule of the EDR and then the FIM set of the kind is visited, unless
  * State exempts the process from that family; the result is the union of
  * all matching rules. The status says whether matching ran; the verdict is
- * Result->Status. At PASSIVE_LEVEL or APC_LEVEL. */
+ * Result->Status. At PASSIVE_LEVEL: the name comparisons go through
+ * FsRtlIsNameInExpression and RtlCompareUnicodeString. */
 
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeMatchesMonitorFileRuleSet(FileObject *Object, WhiteListState *State,
                                                          FilterResult *Result);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeMatchesMonitorRegistryRuleSet(RegistryObject *Object, WhiteListState *State,
                                                              FilterResult *Result);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeMatchesMonitorProcessRuleSet(ProcessObject *Object, WhiteListState *State,
                                                             FilterResult *Result);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeMatchesMonitorSystemRuleSet(SystemObject *Object, WhiteListState *State,
                                                            FilterResult *Result);
 /* The EDR network set only. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeMatchesMonitorNetworkRuleSet(NetworkObject *Object, WhiteListState *State,
                                                             FilterResult *Result);
 /* Is any file rule's path at or below \device\mup (a network share)? */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API BOOLEAN NTAPI TcTFeIsMonitorFileRuleSetHasUNCRule(VOID);
 /* Clears the baseline flag of the FIM file rules named by the entries (the
  * first file rule carrying each entry's rule id). Size is in bytes. */
+_IRQL_requires_max_(APC_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcTFeUnsetBaselineFlagFileRuleSet(MatchedContext *Entries, ULONG Size);
 /* Is Name the rule path itself or a path below it? One trailing backslash
  * on either side is ignored. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API BOOLEAN NTAPI TcTFeIsSubPathOfRulePath(PCUNICODE_STRING RulePath, PCUNICODE_STRING Name,
                                                   BOOLEAN IgnoreCase);
 
@@ -335,10 +403,13 @@ TEXPRT_API BOOLEAN NTAPI TcTFeIsSubPathOfRulePath(PCUNICODE_STRING RulePath, PCU
 /* Writes one I/O error log packet: MessageId with StringCount insertion
  * strings (%2 onwards; null or empty slots add nothing to the packet) and
  * optional dump data. A packet above 152 bytes is dropped silently. */
+_IRQL_requires_max_(DISPATCH_LEVEL)
 TEXPRT_API VOID NTAPI TcEventWrite(ULONG MessageId, ULONG FinalStatus, USHORT StringCount, PCWSTR *Strings,
                                    PVOID DumpData, ULONG DumpSize, PVOID IoObject);
 /* Writes a monitor's start message with its version text as %2. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API NTSTATUS NTAPI TcEventWriteDriverStart(ULONG MessageId, PCSZ VersionText, PVOID IoObject);
+_IRQL_requires_max_(APC_LEVEL)
 TEXPRT_API VOID NTAPI EventWriteEventHBBWLFailure(NTSTATUS Status);
 
 /* Message ids a monitor writes itself. */

@@ -2,7 +2,6 @@
 #include "platform/nt.h"
 
 #include "diagnostics/eventlog.h"
-#include "diagnostics/eventlog.h"
 #include "include/texprt.h"
 #include "support/machine.h"
 
