@@ -41,39 +41,29 @@ enum LockRank : ULONG {
 
 // A resource inside a critical region, so that a suspended owner cannot hold
 // up the system. The release leaves the region after the resource.
-class SharedResourceGuard {
+template <bool Exclusive>
+class ResourceGuard {
 public:
-    explicit SharedResourceGuard(PERESOURCE Lock) : Resource(Lock) {
+    explicit ResourceGuard(PERESOURCE Lock) : Resource(Lock) {
         KeEnterCriticalRegion();
-        ExAcquireResourceSharedLite(Lock, TRUE);
+        if constexpr (Exclusive) {
+            ExAcquireResourceExclusiveLite(Lock, TRUE);
+        } else {
+            ExAcquireResourceSharedLite(Lock, TRUE);
+        }
     }
-    ~SharedResourceGuard() {
+    ~ResourceGuard() {
         ExReleaseResourceLite(Resource);
         KeLeaveCriticalRegion();
     }
-    SharedResourceGuard(const SharedResourceGuard &) = delete;
-    SharedResourceGuard &operator=(const SharedResourceGuard &) = delete;
+    ResourceGuard(const ResourceGuard &) = delete;
+    ResourceGuard &operator=(const ResourceGuard &) = delete;
 
 private:
     PERESOURCE Resource;
 };
-
-class ExclusiveResourceGuard {
-public:
-    explicit ExclusiveResourceGuard(PERESOURCE Lock) : Resource(Lock) {
-        KeEnterCriticalRegion();
-        ExAcquireResourceExclusiveLite(Lock, TRUE);
-    }
-    ~ExclusiveResourceGuard() {
-        ExReleaseResourceLite(Resource);
-        KeLeaveCriticalRegion();
-    }
-    ExclusiveResourceGuard(const ExclusiveResourceGuard &) = delete;
-    ExclusiveResourceGuard &operator=(const ExclusiveResourceGuard &) = delete;
-
-private:
-    PERESOURCE Resource;
-};
+using SharedResourceGuard = ResourceGuard<false>;
+using ExclusiveResourceGuard = ResourceGuard<true>;
 
 class FastMutexGuard {
 public:

@@ -14,39 +14,23 @@
 
 namespace {
 
-// Adapters for the entry points that report nothing.
-NTSTATUS InitializeFilterAccessStep() {
-    InitializeFilterAccess();
-    return STATUS_SUCCESS;
-}
-NTSTATUS InitializeEventLogStep() {
-    InitializeEventLog();
-    return STATUS_SUCCESS;
-}
-NTSTATUS InitializeRuleStoresStep() {
-    InitializeRuleStores();
-    return STATUS_SUCCESS;
-}
-// The path is not tested: a failure leaves it null, and every key then
-// fails to open.
-NTSTATUS BuildServiceKeyPathStep() {
-    BuildServiceKeyPath();
-    return STATUS_SUCCESS;
-}
-// From here on the timer keeps itself alive.
-NTSTATUS ArmHousekeepingTimerStep() {
-    ArmHousekeepingTimer();
+// An entry point that reports nothing, as a step that cannot fail.
+template <VOID (*Routine)()>
+NTSTATUS Always() {
+    Routine();
     return STATUS_SUCCESS;
 }
 
 const LifecycleStep Load[] = {
-    {"filter access", InitializeFilterAccessStep, TRUE, FALSE},
-    {"event log", InitializeEventLogStep, TRUE, FALSE},
-    {"rule stores", InitializeRuleStoresStep, TRUE, FALSE},
+    {"filter access", Always<InitializeFilterAccess>, TRUE, FALSE},
+    {"event log", Always<InitializeEventLog>, TRUE, FALSE},
+    {"rule stores", Always<InitializeRuleStores>, TRUE, FALSE},
 };
 
 const LifecycleStep Phase0[] = {
-    {"service key path", BuildServiceKeyPathStep, FALSE, FALSE},
+    // The path is not tested: a failure leaves it null, and every key then
+    // fails to open.
+    {"service key path", Always<BuildServiceKeyPath>, FALSE, FALSE},
     // The process table's globals and the digest cache table come here,
     // in that order, before the configuration.
     {"configuration and policies", LoadConfigurationAndPolicies, FALSE, FALSE},
@@ -54,7 +38,8 @@ const LifecycleStep Phase0[] = {
 };
 
 const LifecycleStep Phase1[] = {
-    {"housekeeping timer", ArmHousekeepingTimerStep, FALSE, FALSE},
+    // From here on the timer keeps itself alive.
+    {"housekeeping timer", Always<ArmHousekeepingTimer>, FALSE, FALSE},
     // The counter sets (when enabled) and the event stream's phase 1 come
     // here; each failure fails the phase and passes over the agent path.
     {"agent path", BuildAgentExePath, TRUE, FALSE},
