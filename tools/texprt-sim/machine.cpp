@@ -58,7 +58,11 @@ Machine::~Machine() {
     // A scenario that stopped early still unloads the image as the kernel
     // would: DllUnload first, so that the library's threads are gone before
     // its code is.
-    if (image_.Loaded()) UnloadLibrary();
+    try {
+        if (image_.Loaded()) UnloadLibrary();
+    } catch (const ScenarioError &) {
+        image_.Unload();  // an image without DllUnload: nothing more to do
+    }
     std::error_code ignored;
     std::filesystem::remove_all(root_, ignored);
 }

@@ -163,6 +163,10 @@ int RunScenario(const RunOptions &options, std::ostream &out, std::ostream &err)
     } catch (const ScenarioError &e) {
         err << e.what() << "\n";
         return 2;
+    } catch (const YAML::Exception &e) {
+        // A value of the machine block read with the wrong type, say.
+        err << file << ":" << e.mark.line + 1 << ": " << e.msg << "\n";
+        return 2;
     }
 
     // The last importer has gone: unload, and look for what was left
