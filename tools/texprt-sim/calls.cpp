@@ -282,20 +282,21 @@ struct ByteList : BoundAs<T> {
 template <>
 struct Converter<const UCHAR *> {
     static constexpr const char *kWhat = "bytes in hexadecimal";
-    static const FixedBytes *Fixed(const Parameter &p) {
+    static const FixedBytes *KnownLength(const Parameter &p) {
         for (const auto &f : kFixedBytes)
             if (f.name == p.c_name) return &f;
         return nullptr;
     }
     static void Check(const Parameter &p) {
-        if (Fixed(p) == nullptr)
+        if (KnownLength(p) == nullptr)
             throw std::logic_error(p.c_name + ": a byte string whose length the runner does not know (kFixedBytes)");
     }
     static std::unique_ptr<BoundAs<const UCHAR *>> From(Call &call, const Parameter &p, const Argument &arg) {
         auto bound = std::make_unique<ByteList<const UCHAR *>>();
         bound->bytes = call.step.HexOf(arg);
         bound->given = bound->bytes.size();
-        if (bound->bytes.size() != Fixed(p)->bytes) call.step.ErrorAt(arg, p.name + " is " + Fixed(p)->what);
+        if (bound->bytes.size() != KnownLength(p)->bytes)
+            call.step.ErrorAt(arg, p.name + " is " + KnownLength(p)->what);
         return bound;
     }
 };

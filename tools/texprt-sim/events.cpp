@@ -277,8 +277,11 @@ public:
         c_.CheckArguments(EventArguments(kind));
 
         if (kind != "whitelist") {
-            const auto actor = c_.Find("actor");
-            const auto image = c_.Find("actor_image");
+            // A null actor or image is one left out, as before.
+            auto actor = c_.Find("actor");
+            auto image = c_.Find("actor_image");
+            if (actor && actor->IsNull()) actor.reset();
+            if (image && image->IsNull()) image.reset();
             if (actor && actor->value.IsScalar() && ToJson(actor->value) == "none") {
                 if (image) c_.ErrorAt(*image, "an event with actor: none has no actor_image");
                 actor_given_ = false;
