@@ -55,7 +55,14 @@ Machine::Machine(std::filesystem::path scenario_dir, std::string image_path)
 }
 
 Machine::~Machine() {
-    image_.Unload();
+    // A scenario that stopped early still unloads the image as the kernel
+    // would: DllUnload first, so that the library's threads are gone before
+    // its code is.
+    try {
+        if (image_.Loaded()) UnloadLibrary();
+    } catch (const ScenarioError &) {
+        image_.Unload();  // an image without DllUnload: nothing more to do
+    }
     std::error_code ignored;
     std::filesystem::remove_all(root_, ignored);
 }
@@ -166,16 +173,56 @@ PDRIVER_OBJECT Machine::Driver(const std::string &name) {
     return drivers_[name] = hk::CreateDriverObject(driver_name);
 }
 
-int32_t Machine::LoadLibrary() {
+void Machine::LoadImage() {
     const std::string error = image_.Load(image_path_);
     if (!error.empty()) throw ScenarioError("cannot load " + image_path_ + ": " + error);
-    return Export<NTSTATUS(PUNICODE_STRING)>("DllInitialize")(nullptr);
+}
+
+int32_t Machine::LoadLibrary(PUNICODE_STRING registry_path) {
+    LoadImage();
+    const auto initialize = image_.Function<NTSTATUS(PUNICODE_STRING)>("DllInitialize");
+    if (initialize == nullptr) throw ScenarioError(image_path_ + " does not export DllInitialize");
+    const NTSTATUS status = initialize(registry_path);
+    if (!NT_SUCCESS(status)) image_.Unload();
+    return status;
 }
 
 int32_t Machine::UnloadLibrary() {
-    const int32_t status = Export<NTSTATUS()>("DllUnload")();
+    const auto unload = image_.Function<NTSTATUS()>("DllUnload");
+    if (unload == nullptr) throw ScenarioError(image_path_ + " does not export DllUnload");
+    const int32_t status = unload();
     image_.Unload();
     return status;
+}
+
+PFLT_FILTER Machine::Filter(const std::string &name) {
+    auto &handle = filters_[name];
+    if (!handle) handle = std::make_unique<uint64_t>(0);
+    return reinterpret_cast<PFLT_FILTER>(handle.get());
+}
+
+void *Machine::NamedBlock(const std::string &name, const std::string &type, size_t size, std::string *conflict) {
+    auto found = objects_.find(name);
+    if (found == objects_.end()) {
+        // Zero-filled, as a monitor prepares an object before its first
+        // use; held in 8-byte words so that it is aligned as pool would be.
+        found = objects_.emplace(name, NamedObject{type, std::vector<uint64_t>((size + 7) / 8, 0)}).first;
+    } else if (found->second.type != type) {
+        *conflict = "'" + name + "' is a " + found->second.type + " already, not a " + type;
+        return nullptr;
+    }
+    return found->second.words.data();
+}
+
+std::vector<uint64_t> &Machine::Keep(std::vector<uint64_t> words) {
+    kept_.push_back(std::make_unique<std::vector<uint64_t>>(std::move(words)));
+    return *kept_.back();
+}
+
+bool Machine::IsKept(const void *address) const {
+    for (const auto &block : kept_)
+        if (!block->empty() && address == block->data()) return true;
+    return false;
 }
 
 }  // namespace sim

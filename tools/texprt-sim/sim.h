@@ -6,11 +6,17 @@
 #include <nlohmann/json.hpp>
 #include <yaml-cpp/yaml.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace sim {
 
@@ -32,23 +38,73 @@ bool AsNumber(const json &value, uint64_t *out);
 // holds everything `expected` says, else "field: expected X, got Y".
 std::string SubsetMismatch(const json &expected, const json &actual, const std::string &path);
 
+// The scenario name of a parameter: PrefixLength becomes prefix_length,
+// IoObject io_object.
+std::string SnakeCase(std::string_view name);
+// The accepted name closest to a misspelt one, or "" when none is close.
+std::string ClosestName(const std::string &given, const std::vector<std::string> &accepted);
+
 class Machine;
 
-// What a step handler gets: its arguments and the machine.
+// One argument of a step, or one field of a mapping argument: the key
+// (whose line errors name) and the value.
+struct Argument {
+    std::string name;  // as errors show it: "preferred", "actor.pid"
+    YAML::Node key, value;
+    bool IsNull() const { return value.IsNull() || ToJson(value).is_null(); }
+};
+
+// An argument a step accepts, and whether the step needs it.
+struct ArgumentSpec {
+    std::string name;
+    bool required = false;
+};
+
+// What a step handler gets: the machine and the step with its arguments.
+// Every error names the scenario file and the line of the key at fault.
 struct StepContext {
     Machine &machine;
-    const json &args;
-    const std::string &file;  // the scenario file, for errors
-    const YAML::Node &node;   // the step, for errors
+    const std::string &file;
+    const YAML::Node &node;  // the step
+    std::string step_name;   // the export or action
 
-    // Argument access with errors that name the step.
-    const json &Arg(const char *name) const;
-    bool Has(const char *name) const { return args.contains(name) && !args.at(name).is_null(); }
-    uint64_t Number(const char *name) const;
-    uint64_t Number(const char *name, uint64_t fallback) const;
-    bool Flag(const char *name, bool fallback) const;
-    std::string Text(const char *name) const;
-    [[noreturn]] void Error(const std::string &message) const { Fail(file, node, message); }
+    // Refuses an argument the step does not accept (naming the accepted
+    // ones), one given twice, and a required one left out.
+    void CheckArguments(const std::vector<ArgumentSpec> &accepted) const;
+
+    std::optional<Argument> Find(const std::string &name) const;
+    Argument Arg(const std::string &name) const;  // a missing one is an error
+    bool Has(const std::string &name) const;      // given and not null
+
+    // Argument values by name, with errors at the argument's line.
+    uint64_t Number(const std::string &name) const { return NumberOf(Arg(name)); }
+    uint64_t Number(const std::string &name, uint64_t fallback) const {
+        return Has(name) ? Number(name) : fallback;
+    }
+    bool Flag(const std::string &name, bool fallback) const { return Has(name) ? FlagOf(Arg(name)) : fallback; }
+    std::string Text(const std::string &name) const { return TextOf(Arg(name)); }
+
+    // Values of one argument or field. Numbers are plain YAML numbers
+    // (decimal or 0x hex) or true/false; text is a string, and a plain
+    // number is taken as its text.
+    uint64_t NumberOf(const Argument &arg, uint64_t maximum = UINT64_MAX) const;
+    int64_t SignedOf(const Argument &arg, int64_t minimum, int64_t maximum) const;
+    bool FlagOf(const Argument &arg) const;
+    std::string TextOf(const Argument &arg) const;
+    std::vector<uint8_t> HexOf(const Argument &arg) const;
+    // The fields of a mapping argument, each checked against the accepted names.
+    std::map<std::string, Argument> FieldsOf(const Argument &arg, const std::vector<std::string> &accepted) const;
+
+    [[noreturn]] void Error(const std::string &message) const;  // at the step
+    [[noreturn]] void ErrorAt(const Argument &arg, const std::string &message) const;
+
+    // An export of the loaded image; a step that needs one while the image
+    // is unloaded is an error at its line.
+    template <typename Fn>
+    Fn *Export(const char *name) const {
+        return reinterpret_cast<Fn *>(ExportAddress(name));
+    }
+    void *ExportAddress(const char *name) const;
 };
 
 // A step's outcome: status (for NTSTATUS returns), and results by field name.
@@ -56,9 +112,20 @@ struct StepOutcome {
     bool has_status = false;
     int32_t status = 0;
     json result = json::object();
+    // The step unloaded the image: the record carries the pool report.
+    bool unloaded = false;
 };
 
 using StepHandler = std::function<StepOutcome(StepContext &)>;
+
+// A step of the table: the arguments it accepts and what it does. A step
+// whose arguments depend on one of them (the event action's kind) checks
+// them itself.
+struct Step {
+    std::vector<ArgumentSpec> arguments;
+    StepHandler run;
+    bool checks_own_arguments = false;
+};
 
 class Machine {
 public:
@@ -66,44 +133,79 @@ public:
     ~Machine();
 
     void Boot(const YAML::Node &machine_block, const std::string &file);
-    // Loads the image and calls DllInitialize.
-    int32_t LoadLibrary();
+    // Loads the image afresh (new static storage) and calls DllInitialize.
+    // When that fails, the image is unloaded again without DllUnload, as the
+    // kernel does.
+    int32_t LoadLibrary(PUNICODE_STRING registry_path = nullptr);
     // DllUnload and the image's unload.
     int32_t UnloadLibrary();
+    // The image alone, for the DllInitialize and DllUnload steps, which call
+    // those exports themselves.
+    void LoadImage();
+    void UnloadImage() { image_.Unload(); }
+    bool loaded() const { return image_.Loaded(); }
 
-    hk::Image &image() { return image_; }
-    template <typename Fn>
-    Fn *Export(const char *name) {
-        auto *fn = image_.Function<Fn>(name);
-        if (fn == nullptr) throw ScenarioError(std::string("the image does not export ") + name);
-        return fn;
-    }
+    void *Symbol(const char *name) const { return image_.Symbol(name); }
     PDRIVER_OBJECT Driver(const std::string &name);
+    // A minifilter handle: opaque to the library, one per name.
+    PFLT_FILTER Filter(const std::string &name);
     const std::filesystem::path &scenario_dir() const { return scenario_dir_; }
     const std::filesystem::path &root() const { return root_; }
+
+    // An object a monitor keeps across calls, by its scenario name:
+    // zero-filled on first use. Null with `conflict` set when the name
+    // already stands for an object of another type.
+    template <typename T>
+    T *Named(const std::string &name, const std::string &type, std::string *conflict) {
+        return static_cast<T *>(NamedBlock(name, type, sizeof(T), conflict));
+    }
+    // Memory the library may keep a pointer to after the call (a borrowed
+    // actor block): kept until the scenario ends.
+    std::vector<uint64_t> &Keep(std::vector<uint64_t> words);
+    bool IsKept(const void *address) const;
 
     // Machine contents shared by the machine block and the actions.
     void WriteFile(const YAML::Node &entry, const std::string &file, bool must_exist);
     void SetRegistryValue(const std::string &key, const YAML::Node &values, const std::string &file);
 
 private:
+    void *NamedBlock(const std::string &name, const std::string &type, size_t size, std::string *conflict);
+
+    struct NamedObject {
+        std::string type;
+        std::vector<uint64_t> words;
+    };
     std::filesystem::path scenario_dir_, root_;
     std::string image_path_;
     hk::Image image_;
     std::map<std::string, PDRIVER_OBJECT> drivers_;
+    std::map<std::string, std::unique_ptr<uint64_t>> filters_;
+    std::map<std::string, NamedObject> objects_;
+    std::vector<std::unique_ptr<std::vector<uint64_t>>> kept_;
 };
 
-// The step table: every export that exists so far, and the machine actions.
-const std::map<std::string, StepHandler> &Exports();
-const std::map<std::string, StepHandler> &Actions();
-// The filter event steps: the `event` action and the file rule queries.
-void AddEventActions(std::map<std::string, StepHandler> &actions);
-void AddEventExports(std::map<std::string, StepHandler> &exports);
+// The step table: a call step for every export in
+// include/texprt_exports.inc, and the machine actions.
+const std::map<std::string, Step> &Exports();
+const std::map<std::string, Step> &Actions();
+// The filter event steps: the `event` action.
+void AddEventActions(std::map<std::string, Step> &actions);
 
-// Bytes from hexadecimal digits (white space ignored); an error names the step.
+// Bytes from hexadecimal digits (white space ignored); an error names the node.
 std::vector<uint8_t> HexBytes(const std::string &text, const std::string &file, const YAML::Node &node);
 
 std::string StatusText(int32_t status);
 std::string HexText(uint64_t value, int width = 8);
+
+// Replays a scenario. Returns 0 when it ran (and with --check, every expect
+// block held and nothing was left behind), 1 on a check that failed, 2 on an
+// error in the scenario.
+struct RunOptions {
+    std::string scenario;
+    std::string image;
+    bool check = false;
+    bool as_json = false;
+};
+int RunScenario(const RunOptions &options, std::ostream &out, std::ostream &err);
 
 }  // namespace sim

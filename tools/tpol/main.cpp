@@ -5,60 +5,65 @@
 //   tpol check FILE.bin                       what is wrong with a binary policy, and where
 //
 // A source has one top-level key, app_blocking: or monitor:, which names the
-// format (see examples/policies/README.md for the monitor keys).
+// format (see examples/policies/README.md for the monitor keys). Exit status:
+// 0 on success, 1 when the input is wrong (or check finds an error), 2 on a
+// usage error.
 #include "tpol.h"
 
+#include <CLI/CLI.hpp>
+
 #include <cstdio>
-#include <cstring>
 #include <iostream>
 
-namespace {
-
-int Usage() {
-    std::cerr << "usage: tpol compile SOURCE.yaml -o OUTPUT.bin\n"
-                 "       tpol dump FILE.bin\n"
-                 "       tpol check FILE.bin\n"
-                 "A source holds one top-level key: app_blocking or monitor.\n";
-    return 2;
-}
-
-}  // namespace
-
 int main(int argc, char **argv) {
-    if (argc < 3) return Usage();
-    const std::string command = argv[1];
+    CLI::App app{"tpol: compiles texprt policy sources (YAML) to the binary files the agent writes, and reads "
+                 "them back. A source holds one top-level key: app_blocking or monitor.",
+                 "tpol"};
+    app.set_version_flag("--version", std::string("tpol ") + TEXPRT_VERSION);
+    app.require_subcommand(1);
+    app.footer("Exit status: 0 on success; 1 when the input is wrong or check finds an error; 2 on a usage error.");
+
+    std::string source, output, binary;
+    CLI::App *compile = app.add_subcommand("compile", "Compile a YAML source to a binary policy");
+    compile->add_option("source", source, "The policy source (YAML)")->required()->check(CLI::ExistingFile);
+    compile->add_option("-o,--output", output, "The binary policy to write")->required();
+    CLI::App *dump = app.add_subcommand("dump", "Print a binary policy as YAML source that compiles to the same bytes");
+    dump->add_option("binary", binary, "The binary policy")->required()->check(CLI::ExistingFile);
+    CLI::App *check = app.add_subcommand("check", "Say what is wrong with a binary policy, and at which offset");
+    check->add_option("binary", binary, "The binary policy")->required()->check(CLI::ExistingFile);
+
     try {
-        if (command == "compile") {
-            std::string input, output;
-            for (int i = 2; i < argc; ++i) {
-                if (std::strcmp(argv[i], "-o") == 0 && i + 1 < argc) output = argv[++i];
-                else if (input.empty()) input = argv[i];
-                else return Usage();
-            }
-            if (input.empty() || output.empty()) return Usage();
-            tpol::WriteFileBytes(output, tpol::CompileFile(input));
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        // --help and --version end here too, with status 0.
+        const int status = app.exit(e);
+        return status == 0 ? 0 : 2;
+    }
+
+    try {
+        if (*compile) {
+            tpol::WriteFileBytes(output, tpol::CompileFile(source));
             return 0;
         }
-        if (command == "dump" && argc == 3) {
-            std::cout << tpol::Dump(tpol::ReadFileBytes(argv[2]));
+        if (*dump) {
+            std::cout << tpol::Dump(tpol::ReadFileBytes(binary));
             return 0;
         }
-        if (command == "check" && argc == 3) {
-            const auto bytes = tpol::ReadFileBytes(argv[2]);
-            const auto findings = tpol::Check(bytes);
-            int errors = 0;
-            for (const auto &f : findings) {
-                std::printf("%s: offset 0x%llX: %s: %s\n", argv[2], static_cast<unsigned long long>(f.offset),
-                            f.severity == tpol::Finding::Error ? "error" : "warning", f.message.c_str());
-                errors += f.severity == tpol::Finding::Error;
-            }
-            if (findings.empty()) std::printf("%s: %s policy, no problems found\n", argv[2],
-                                              tpol::FormatName(tpol::DetectFormat(bytes)));
-            return errors ? 1 : 0;
+        const auto bytes = tpol::ReadFileBytes(binary);
+        const auto findings = tpol::Check(bytes);
+        int errors = 0;
+        for (const auto &f : findings) {
+            std::printf("%s: offset 0x%llX: %s: %s\n", binary.c_str(), static_cast<unsigned long long>(f.offset),
+                        f.severity == tpol::Finding::Error ? "error" : "warning", f.message.c_str());
+            errors += f.severity == tpol::Finding::Error;
         }
-        return Usage();
+        if (findings.empty())
+            std::printf("%s: %s policy, no problems found\n", binary.c_str(),
+                        tpol::FormatName(tpol::DetectFormat(bytes)));
+        return errors ? 1 : 0;
     } catch (const std::exception &e) {
-        std::cerr << (command == "compile" ? "" : std::string(argv[argc - 1]) + ": ") << e.what() << "\n";
+        // A source error names its file and line already.
+        std::cerr << (*compile ? "" : binary + ": ") << e.what() << "\n";
         return 1;
     }
 }
