@@ -141,6 +141,8 @@ TEST_F(Guard, AnInnerGuardCatchesItsOwnFaultAndTheOuterRoutineGoesOn) {
     EXPECT_EQ(code, STATUS_ACCESS_VIOLATION);
 }
 
+// The ctest label "concurrency" comes with the suite's name (see
+// tests/CMakeLists.txt).
 class GuardConcurrency : public MachineTest {};
 
 // Guards are per thread: threads faulting at the same time each come back
