@@ -300,7 +300,7 @@ TEXPRT_EXPORT NTSTATUS NTAPI TcTFeMatchesProcessAppBlockingRuleSet(const UCHAR *
 
 TEXPRT_EXPORT UCHAR NTAPI TcIsHBBProcessSHA256SupportEnabled() {
     // The low byte of the live word, read with no lock.
-    return *(volatile const UCHAR *)&PolicyFlags & 1;
+    return PlatformReadByte((volatile const UCHAR *)&PolicyFlags) & 1;
 }
 
 namespace {
