@@ -7,6 +7,7 @@
 #include "tpol.h"
 
 #include <atomic>
+#include <cstring>
 #include <thread>
 
 using namespace texprt_test;
@@ -67,6 +68,21 @@ TEST_F(AppBlockingTest, DigestTextBecomesBytes) {
         for (size_t i = 0; i < c.first_bytes.size(); ++i) EXPECT_EQ(rule.Hashes[0][i], c.first_bytes[i]) << i;
         FreeAppBlockingRule(&rule);
     }
+}
+
+// A record of odd size puts the next digest text at an odd address in the
+// image; it is read all the same.
+TEST_F(AppBlockingTest, DigestTextAtAnOddAddressIsReadAsWell) {
+    const std::u16string text = u"9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08";
+    std::vector<uint8_t> image(1 + text.size() * 2 + 1);
+    std::memcpy(image.data() + 1, text.data(), text.size() * 2);
+    AppBlockingRule rule = EmptyRule();
+    PUCHAR *slot = nullptr;
+    ASSERT_EQ(AddAppBlockingHash(&rule, reinterpret_cast<const WCHAR *>(image.data() + 1), 64, &slot),
+              STATUS_SUCCESS);
+    EXPECT_EQ(rule.Hashes[0][0], 0x9f);
+    EXPECT_EQ(rule.Hashes[0][31], 0x08);
+    FreeAppBlockingRule(&rule);
 }
 
 TEST_F(AppBlockingTest, AShortDigestLeavesTheRestAsAllocated) {
