@@ -1,5 +1,6 @@
 // The app-blocking set: digest conversion, the parser under every
-// allocation failure, and matches running against swaps.
+// allocation failure, and matches and the SHA-256 query running against
+// swaps.
 #include "frame/frame.h"
 #include "frame/helpers.h"
 #include "policy/appblocking.h"
