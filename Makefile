@@ -1,6 +1,8 @@
 # The README's commands. Everything else is CMake presets underneath.
 #   make demo     build, then run the demo
-#   make test     build, run every test, build and check the kernel images
+#   make test     build, run every test, build and check the kernel images,
+#                 and run the concurrency tests again under ThreadSanitizer
+#   make tsan     only the last: the concurrency tests under ThreadSanitizer
 #   make driver   the kernel images only (texprt.sys, i686 and x64)
 #   make fuzz     build the fuzz targets and run each briefly (FUZZ_SECONDS)
 #   make bench    build the benchmarks optimised and run them
@@ -11,7 +13,7 @@ FUZZ_TARGETS := appblocking_fuzz monitor_fuzz
 HOST_PRESET ?= host-debug
 BUILD := build/$(HOST_PRESET)
 
-.PHONY: all demo test driver fuzz bench host deps clean
+.PHONY: all demo test driver fuzz tsan bench host deps clean
 
 all: host
 
@@ -29,7 +31,16 @@ demo: host
 test: host
 	@$(MAKE) --no-print-directory driver
 	@$(MAKE) --no-print-directory fuzz
+	@$(MAKE) --no-print-directory tsan
 	@ctest --preset $(HOST_PRESET) -j $(JOBS)
+
+# The tests labelled concurrency (suites named ...Concurrency) once more under
+# ThreadSanitizer, so that every lock, queue and lock-free read is checked on
+# each run. That tree builds only what ctest runs, not the benchmarks.
+tsan: deps
+	@cmake --preset host-tsan >/dev/null
+	@cmake --build --preset host-tsan --target test_programs -j $(JOBS)
+	@ctest --preset host-tsan -L concurrency -j $(JOBS)
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null

@@ -98,5 +98,5 @@ TEXPRT_EXPORT PUNICODE_STRING NTAPI TcGetSystemRootDeviceString() {
 TEXPRT_EXPORT UCHAR NTAPI TcIsHBBProcessSHA256SupportEnabled() {
     EXPORT_ENTRY(TcIsHBBProcessSHA256SupportEnabled);
     // The low byte of the app-blocking policy's flags word, read with no lock.
-    return *(volatile const UCHAR *)&PolicyFlags & 1;
+    return PlatformReadByte((volatile const UCHAR *)&PolicyFlags) & 1;
 }

@@ -91,3 +91,12 @@ static inline VOID PlatformWriteWord(volatile ULONG *Word, ULONG Value) {
     __atomic_store_n(Word, Value, __ATOMIC_RELAXED);
 #endif
 }
+// The same for one byte of a word that its writers change as a whole (the
+// low byte of the app-blocking policy flags).
+static inline UCHAR PlatformReadByte(const volatile UCHAR *Byte) {
+#if defined(_WIN32)
+    return *Byte;
+#else
+    return __atomic_load_n(Byte, __ATOMIC_RELAXED);
+#endif
+}

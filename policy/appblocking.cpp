@@ -89,7 +89,13 @@ NTSTATUS AddAppBlockingHash(AppBlockingRule *Rule, const WCHAR *Text, ULONG Char
         PoolFree(Hashes);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    for (ULONG Index = 0; Index < Characters; ++Index) Narrow[Index] = (UCHAR)Text[Index];
+    // The text lies in the file image at whatever offset its record gives, so
+    // it may be unaligned: each character is copied out, not loaded in place.
+    for (ULONG Index = 0; Index < Characters; ++Index) {
+        WCHAR Character;
+        RtlCopyMemory(&Character, (const UCHAR *)Text + Index * sizeof(WCHAR), sizeof(Character));
+        Narrow[Index] = (UCHAR)Character;
+    }
     Narrow[Characters] = 0;
     PUCHAR Digest = (PUCHAR)PoolAlloc(DefaultPool, AppBlockingDigestBytes + 1, TagAppBlocking);
     if (Digest == nullptr) {

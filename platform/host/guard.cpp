@@ -7,13 +7,38 @@
 #include <csignal>
 #include <cstring>
 
+#if defined(__SANITIZE_THREAD__)
+#define HK_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define HK_THREAD_SANITIZER 1
+#endif
+#endif
+
 namespace {
 
 thread_local sigjmp_buf *active_guard = nullptr;
 struct sigaction previous_segv, previous_bus;
 
 void OnFault(int signal, siginfo_t *info, void *context) {
-    if (active_guard != nullptr) siglongjmp(*active_guard, 1);
+    if (active_guard != nullptr) {
+#ifdef HK_THREAD_SANITIZER
+        // ThreadSanitizer installs its own handler in place of ours and
+        // calls ours from it, and it runs every handler with all signals
+        // blocked whatever sa_mask and SA_NODEFER say. Leaving by siglongjmp
+        // (which it supports: it unwinds its own shadow stack to the
+        // sigsetjmp) would keep SIGSEGV blocked, and the next fault in a
+        // guard would kill the process. So put back the mask the faulting
+        // code ran with, which is what the handler itself would have run
+        // with outside the sanitizer. This costs a system call per fault,
+        // never per guard. No runtime flag helps: handle_segv and
+        // allow_user_segv_handler decide whose handler runs, not its mask.
+        // (Its wrapper also leaves errno as it set it for our handler; no
+        // guarded caller reads errno.)
+        pthread_sigmask(SIG_SETMASK, &static_cast<ucontext_t *>(context)->uc_sigmask, nullptr);
+#endif
+        siglongjmp(*active_guard, 1);
+    }
     // Not ours: hand the fault to whoever handled it before.
     struct sigaction &previous = signal == SIGSEGV ? previous_segv : previous_bus;
     if (previous.sa_flags & SA_SIGINFO) {

@@ -10,6 +10,9 @@ using namespace host_test;
 namespace {
 
 class Dispatcher : public MachineTest {};
+// Waits released from other threads, and the real clock. The ctest label
+// "concurrency" comes with the suite's name (see tests/CMakeLists.txt).
+class DispatcherConcurrency : public MachineTest {};
 
 TEST_F(Dispatcher, SynchronizationEventsResetOnWaitNotificationEventsStaySignalled) {
     const struct {
@@ -32,7 +35,7 @@ TEST_F(Dispatcher, SynchronizationEventsResetOnWaitNotificationEventsStaySignall
     }
 }
 
-TEST_F(Dispatcher, SettingAnEventReleasesOneSynchronizationWaiterOrAllNotificationWaiters) {
+TEST_F(DispatcherConcurrency, SettingAnEventReleasesOneSynchronizationWaiterOrAllNotificationWaiters) {
     for (EVENT_TYPE type : {SynchronizationEvent, NotificationEvent}) {
         KEVENT event;
         KeInitializeEvent(&event, type, FALSE);
@@ -58,7 +61,7 @@ TEST_F(Dispatcher, SettingAnEventReleasesOneSynchronizationWaiterOrAllNotificati
     }
 }
 
-TEST_F(Dispatcher, WaitAnyReturnsTheIndexWaitAllNeedsEveryObject) {
+TEST_F(DispatcherConcurrency, WaitAnyReturnsTheIndexWaitAllNeedsEveryObject) {
     KEVENT events[3];
     PVOID objects[3];
     for (int i = 0; i < 3; ++i) {
@@ -86,7 +89,7 @@ TEST_F(Dispatcher, WaitAnyReturnsTheIndexWaitAllNeedsEveryObject) {
     for (auto &event : events) EXPECT_EQ(KeReadStateEvent(&event), 0);
 }
 
-TEST_F(Dispatcher, TimeoutsOnTheManualClockEndOnlyWhenTheClockPassesThem) {
+TEST_F(DispatcherConcurrency, TimeoutsOnTheManualClockEndOnlyWhenTheClockPassesThem) {
     KEVENT event;
     KQUEUE queue;
     const struct {
@@ -162,7 +165,7 @@ TEST_F(Dispatcher, ClockTimeZoneAndInterruptTime) {
 }
 
 // One bounded test against the host's own clock.
-TEST_F(Dispatcher, RealClockTimeoutsFollowTheHostClock) {
+TEST_F(DispatcherConcurrency, RealClockTimeoutsFollowTheHostClock) {
     hk::UseRealClock();
     EXPECT_FALSE(hk::ClockIsManual());
     KEVENT event;

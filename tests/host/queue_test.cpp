@@ -5,7 +5,9 @@ using namespace host_test;
 
 namespace {
 
-class Queues : public MachineTest {
+// Kernel queues: what the work queues and their threads stand on. The ctest
+// label "concurrency" comes with the suite's name (see tests/CMakeLists.txt).
+class QueuesConcurrency : public MachineTest {
 protected:
     void SetUp() override {
         MachineTest::SetUp();
@@ -20,7 +22,7 @@ protected:
     LIST_ENTRY entries[4];
 };
 
-TEST_F(Queues, EntriesComeOutFirstInFirstOutAndHeadInsertsJumpTheLine) {
+TEST_F(QueuesConcurrency, EntriesComeOutFirstInFirstOutAndHeadInsertsJumpTheLine) {
     EXPECT_EQ(KeInsertQueue(&queue, &entries[0]), 0);
     EXPECT_EQ(KeInsertQueue(&queue, &entries[1]), 1);
     EXPECT_EQ(KeInsertHeadQueue(&queue, &entries[2]), 2);
@@ -32,7 +34,7 @@ TEST_F(Queues, EntriesComeOutFirstInFirstOutAndHeadInsertsJumpTheLine) {
     EXPECT_EQ(KeReadStateQueue(&queue), 0);
 }
 
-TEST_F(Queues, AnEntryInsertedWhileAThreadWaitsGoesToThatThread) {
+TEST_F(QueuesConcurrency, AnEntryInsertedWhileAThreadWaitsGoesToThatThread) {
     PLIST_ENTRY got = nullptr;
     std::thread waiter([&] { got = KeRemoveQueue(&queue, KernelMode, nullptr); });
     WaitUntilBlocked(1);
@@ -42,7 +44,7 @@ TEST_F(Queues, AnEntryInsertedWhileAThreadWaitsGoesToThatThread) {
     EXPECT_EQ(KeReadStateQueue(&queue), 0);
 }
 
-TEST_F(Queues, RundownReturnsTheRemainingEntriesAsARingWithoutTheHead) {
+TEST_F(QueuesConcurrency, RundownReturnsTheRemainingEntriesAsARingWithoutTheHead) {
     for (int i = 0; i < 3; ++i) KeInsertQueue(&queue, &entries[i]);
     PLIST_ENTRY first = KeRundownQueue(&queue);
     ASSERT_EQ(first, &entries[0]);
@@ -59,7 +61,7 @@ TEST_F(Queues, RundownReturnsTheRemainingEntriesAsARingWithoutTheHead) {
     ExpectComplaint("run down");
 }
 
-TEST_F(Queues, RundownOfAnEmptyQueueReleasesWaitersWithAbandoned) {
+TEST_F(QueuesConcurrency, RundownOfAnEmptyQueueReleasesWaitersWithAbandoned) {
     PLIST_ENTRY got[2] = {};
     std::thread a([&] { got[0] = KeRemoveQueue(&queue, KernelMode, nullptr); });
     std::thread b([&] { got[1] = Remove(-60 * kSecond); });

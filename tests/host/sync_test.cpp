@@ -8,6 +8,9 @@ using namespace host_test;
 namespace {
 
 class Sync : public MachineTest {};
+// Locks contended from other threads. The ctest label "concurrency" comes with
+// the suite's name (see tests/CMakeLists.txt).
+class SyncConcurrency : public MachineTest {};
 
 TEST_F(Sync, IrqlMustRiseWhenRaisedAndFallWhenLoweredApcsFollowIt) {
     KIRQL old;
@@ -27,7 +30,7 @@ TEST_F(Sync, IrqlMustRiseWhenRaisedAndFallWhenLoweredApcsFollowIt) {
     ExpectComplaint("KeLeaveCriticalRegion");
 }
 
-TEST_F(Sync, SpinLocksRaiseToDispatchLevelAndCatchReleasesOfLocksNotHeld) {
+TEST_F(SyncConcurrency, SpinLocksRaiseToDispatchLevelAndCatchReleasesOfLocksNotHeld) {
     KSPIN_LOCK lock;
     KeInitializeSpinLock(&lock);
     KIRQL old;
@@ -51,7 +54,7 @@ TEST_F(Sync, SpinLocksRaiseToDispatchLevelAndCatchReleasesOfLocksNotHeld) {
     ExpectComplaint("not held");
 }
 
-TEST_F(Sync, FastMutexRaisesToApcLevelAndExcludesOtherThreads) {
+TEST_F(SyncConcurrency, FastMutexRaisesToApcLevelAndExcludesOtherThreads) {
     FAST_MUTEX mutex;
     ExInitializeFastMutex(&mutex);
     ExAcquireFastMutex(&mutex);
@@ -71,7 +74,9 @@ TEST_F(Sync, FastMutexRaisesToApcLevelAndExcludesOtherThreads) {
     }).join();
 }
 
-class Resources : public MachineTest {
+// Executive resources, shared and exclusive across threads. The ctest label
+// "concurrency" comes with the suite's name (see tests/CMakeLists.txt).
+class ResourcesConcurrency : public MachineTest {
 protected:
     void SetUp() override {
         MachineTest::SetUp();
@@ -93,7 +98,7 @@ protected:
     ERESOURCE resource{};  // zero-filled is a free resource
 };
 
-TEST_F(Resources, TwoThreadsHoldItSharedAtOnceAndAWriterWaitsForBoth) {
+TEST_F(ResourcesConcurrency, TwoThreadsHoldItSharedAtOnceAndAWriterWaitsForBoth) {
     ASSERT_TRUE(ExAcquireResourceSharedLite(&resource, TRUE));
     OnOtherThread([&] {
         EXPECT_FALSE(ExAcquireResourceExclusiveLite(&resource, FALSE));
@@ -119,7 +124,7 @@ TEST_F(Resources, TwoThreadsHoldItSharedAtOnceAndAWriterWaitsForBoth) {
     EXPECT_TRUE(writer_in);
 }
 
-TEST_F(Resources, ExclusiveOwnerMayRecurseSharedAndExclusive) {
+TEST_F(ResourcesConcurrency, ExclusiveOwnerMayRecurseSharedAndExclusive) {
     ASSERT_TRUE(ExAcquireResourceExclusiveLite(&resource, TRUE));
     ASSERT_TRUE(ExAcquireResourceExclusiveLite(&resource, TRUE));
     ASSERT_TRUE(ExAcquireResourceSharedLite(&resource, TRUE));
@@ -139,7 +144,7 @@ TEST_F(Resources, ExclusiveOwnerMayRecurseSharedAndExclusive) {
     ExpectComplaint("not owned");
 }
 
-TEST_F(Resources, AcquiringWithKernelApcsEnabledIsAComplaint) {
+TEST_F(ResourcesConcurrency, AcquiringWithKernelApcsEnabledIsAComplaint) {
     KeLeaveCriticalRegion();
     const struct {
         KIRQL irql;
@@ -162,7 +167,7 @@ TEST_F(Resources, AcquiringWithKernelApcsEnabledIsAComplaint) {
     KeEnterCriticalRegion();
 }
 
-TEST_F(Resources, WritersExcludeEveryoneUnderLoadAndFastMutexesSerialize) {
+TEST_F(ResourcesConcurrency, WritersExcludeEveryoneUnderLoadAndFastMutexesSerialize) {
     FAST_MUTEX mutex;
     ExInitializeFastMutex(&mutex);
     std::atomic<int> readers{0}, writers{0};

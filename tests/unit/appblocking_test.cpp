@@ -1,5 +1,6 @@
 // The app-blocking set: digest conversion, the parser under every
-// allocation failure, and matches running against swaps.
+// allocation failure, and matches and the SHA-256 query running against
+// swaps.
 #include "base/strings.h"
 #include "diagnostics/eventlog.h"
 #include "policy/appblocking.h"
@@ -8,6 +9,7 @@
 #include "tpol.h"
 
 #include <atomic>
+#include <cstring>
 #include <thread>
 
 using namespace texprt_test;
@@ -68,6 +70,21 @@ TEST_F(AppBlockingTest, DigestTextBecomesBytes) {
         for (size_t i = 0; i < c.first_bytes.size(); ++i) EXPECT_EQ(rule.Hashes[0][i], c.first_bytes[i]) << i;
         FreeAppBlockingRule(&rule);
     }
+}
+
+// A record of odd size puts the next digest text at an odd address in the
+// image; it is read all the same.
+TEST_F(AppBlockingTest, DigestTextAtAnOddAddressIsReadAsWell) {
+    const std::u16string text = u"9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08";
+    std::vector<uint8_t> image(1 + text.size() * 2 + 1);
+    std::memcpy(image.data() + 1, text.data(), text.size() * 2);
+    AppBlockingRule rule = EmptyRule();
+    PUCHAR *slot = nullptr;
+    ASSERT_EQ(AddAppBlockingHash(&rule, reinterpret_cast<const WCHAR *>(image.data() + 1), 64, &slot),
+              STATUS_SUCCESS);
+    EXPECT_EQ(rule.Hashes[0][0], 0x9f);
+    EXPECT_EQ(rule.Hashes[0][31], 0x08);
+    FreeAppBlockingRule(&rule);
 }
 
 TEST_F(AppBlockingTest, AShortDigestLeavesTheRestAsAllocated) {
@@ -136,28 +153,37 @@ TEST_F(AppBlockingTest, TheByteBehindTheRecordsIsChecksummed) {
     EXPECT_EQ(ParseAppBlockingPolicy(image.data(), &flags, &set), STATUS_DATA_ERROR);
 }
 
-TEST_F(AppBlockingTest, MatchesRunWhileThePolicyIsSwapped) {
-    // Two editions that both list the same digest: whichever set a match
-    // sees, it must find it, and no set may be freed under a match.
-    const char *editions[] = {kTwoRules, R"(
+// Matches, queries and swaps on several threads at once. The ctest label
+// "concurrency" comes with the suite's name (see tests/CMakeLists.txt).
+class AppBlockingConcurrency : public AppBlockingTest {
+protected:
+    static void Install(const char *yaml) {
+        auto image = Image(yaml);
+        ULONGLONG flags;
+        ProcessAppBlockingRuleSet *set;
+        ASSERT_EQ(ParseAppBlockingPolicy(image.data(), &flags, &set), STATUS_SUCCESS);
+        ASSERT_EQ(InstallAppBlockingRuleSet(flags, set), STATUS_SUCCESS);
+    }
+};
+
+// An edition without flags that lists one digest of kTwoRules.
+const char kOneRuleNoFlags[] = R"(
 app_blocking:
   rules:
     - id: 00112233445566778899aabbccddeeff
       sha256: [2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824]
-)"};
+)";
+
+TEST_F(AppBlockingConcurrency, MatchesRunWhileThePolicyIsSwapped) {
+    // Two editions that both list the same digest: whichever set a match
+    // sees, it must find it, and no set may be freed under a match.
+    const char *editions[] = {kTwoRules, kOneRuleNoFlags};
     std::atomic<bool> stop{false};
     std::atomic<int> misses{0}, matches{0};
     const UCHAR digest[32] = {0x2c, 0xf2, 0x4d, 0xba, 0x5f, 0xb0, 0xa3, 0x0e, 0x26, 0xe8, 0x3b,
                               0x2a, 0xc5, 0xb9, 0xe2, 0x9e, 0x1b, 0x16, 0x1e, 0x5c, 0x1f, 0xa7,
                               0x42, 0x5e, 0x73, 0x04, 0x33, 0x62, 0x93, 0x8b, 0x98, 0x24};
-    auto install = [&](int edition) {
-        auto image = Image(editions[edition]);
-        ULONGLONG flags;
-        ProcessAppBlockingRuleSet *set;
-        ASSERT_EQ(ParseAppBlockingPolicy(image.data(), &flags, &set), STATUS_SUCCESS);
-        ASSERT_EQ(InstallAppBlockingRuleSet(flags, set), STATUS_SUCCESS);
-    };
-    install(0);
+    Install(editions[0]);
     std::vector<std::thread> matchers;
     for (int t = 0; t < 3; ++t)
         matchers.emplace_back([&] {
@@ -168,11 +194,38 @@ app_blocking:
                 ++matches;
             }
         });
-    for (int round = 0; round < 200; ++round) install(round % 2);
+    for (int round = 0; round < 200; ++round) Install(editions[round % 2]);
     stop = true;
     for (auto &t : matchers) t.join();
     EXPECT_EQ(misses, 0);
     EXPECT_GT(matches, 0);
+}
+
+// The monitors ask whether SHA-256 digests are wanted on their process
+// creation path, with no lock, while the agent installs and withdraws
+// policies: every answer is one edition's flag.
+TEST_F(AppBlockingConcurrency, TheSha256QueryAnswersWithoutALockWhileThePolicyIsSwapped) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> odd{0}, answers{0};
+    std::vector<std::thread> askers;
+    for (int t = 0; t < 2; ++t)
+        askers.emplace_back([&] {
+            while (!stop) {
+                const UCHAR answer = TcIsHBBProcessSHA256SupportEnabled();
+                if (answer != 0 && answer != 1) ++odd;
+                ++answers;
+            }
+        });
+    for (int round = 0; round < 200; ++round) {
+        if (round % 3 == 2)
+            RemoveAppBlockingRuleSet();
+        else
+            Install(round % 3 ? kOneRuleNoFlags : kTwoRules);
+    }
+    stop = true;
+    for (auto &t : askers) t.join();
+    EXPECT_EQ(odd, 0);
+    EXPECT_GT(answers, 0);
 }
 
 }  // namespace

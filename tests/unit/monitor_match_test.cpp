@@ -167,7 +167,11 @@ TEST_F(MonitorMatchTest, EveryAppendFailureEndsTheWalkWithTheVerdictAlreadyWritt
     }
 }
 
-TEST_F(MonitorMatchTest, MatchersRunSideBySideWhilePoliciesAndFlagsChangeUnderThem) {
+// Matching on several threads while policies change. The ctest label
+// "concurrency" comes with the suite's name (see tests/CMakeLists.txt).
+class MonitorMatchConcurrency : public MonitorMatchTest {};
+
+TEST_F(MonitorMatchConcurrency, MatchersRunSideBySideWhilePoliciesAndFlagsChangeUnderThem) {
     // Two editions whose rules all match the event: a reader sees all of one
     // edition's contexts or all of the other's, never a mixture.
     const std::string one = Policy({Rule("file", 3, 1, "\\A", ", flags: 0x2", "fim"), Rule("file", 3, 2, "\\A")});

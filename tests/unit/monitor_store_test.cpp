@@ -2,6 +2,7 @@
 // sets and the masks, and readers under the shared lock while policies are
 // swapped under them.
 #include "diagnostics/eventlog.h"
+#include "include/texprt.h"
 #include "rules/store.h"
 #include "support/monitor_test.h"
 #include "tpol.h"
@@ -68,7 +69,12 @@ TEST_F(MonitorStoreTest, RemovalClearsTheMasksAndTearDownLeavesTheNotifyMasks) {
     EXPECT_EQ(CaptureMask, 0);
 }
 
-TEST_F(MonitorStoreTest, ReadersSeeOneWholePolicyWhileItIsSwapped) {
+// Readers and lock-free queries on other threads while the store is swapped.
+// The ctest label "concurrency" comes with the suite's name (see
+// tests/CMakeLists.txt).
+class MonitorStoreConcurrency : public MonitorStoreFixture {};
+
+TEST_F(MonitorStoreConcurrency, ReadersSeeOneWholePolicyWhileItIsSwapped) {
     Install(kEdition1);
     std::atomic<bool> stop{false};
     std::atomic<int> torn{0}, reads{0};
@@ -95,6 +101,38 @@ TEST_F(MonitorStoreTest, ReadersSeeOneWholePolicyWhileItIsSwapped) {
     for (auto &t : readers) t.join();
     EXPECT_EQ(torn, 0);
     EXPECT_GT(reads, 0);
+}
+
+// The monitors' state queries read one mask each with no lock, on their
+// hot paths, while the agent installs: each answer is one edition's, or a
+// bit still clear while its mask is rebuilt, never a bit of neither edition.
+TEST_F(MonitorStoreConcurrency, StateQueriesAnswerWithoutALockWhilePoliciesAreSwapped) {
+    Install(kEdition1);
+    std::atomic<bool> stop{false};
+    std::atomic<int> odd{0}, answers{0};
+    std::vector<std::thread> askers;
+    for (int t = 0; t < 2; ++t)
+        askers.emplace_back([&] {
+            while (!stop) {
+                const UCHAR disk = TcIsDiskRuleNotify(0xFF);
+                if (disk != 0 && disk != 0x81 && disk != 0x20) ++odd;
+                if ((TcIsRegValNotify(0xFF) & ~0x4) != 0 || TcIsNetworkRuleNotify(0xFF) != 0) ++odd;
+                if (TcIsSystemCaptureEnabled() || TcIsProcessCaptureEnabled()) ++odd;
+                (void)TcIsFileSystemCaptureEnabled();
+                (void)TcIsWhitelistMonitorEnabled();
+                ++answers;
+            }
+        });
+    for (int round = 0; round < 200; ++round) {
+        if (round % 5 == 4)
+            RemoveMonitorRuleSets();
+        else
+            Install(round % 2 ? kEdition1 : kEdition2);
+    }
+    stop = true;
+    for (auto &t : askers) t.join();
+    EXPECT_EQ(odd, 0);
+    EXPECT_GT(answers, 0);
 }
 
 }  // namespace

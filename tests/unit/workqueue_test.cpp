@@ -9,7 +9,9 @@ using namespace texprt_test;
 
 namespace {
 
-class WorkQueueTest : public MachineTest {
+// Every case runs the queue's own worker thread, so the whole suite carries
+// the ctest label "concurrency" (see tests/CMakeLists.txt).
+class WorkQueueConcurrency : public MachineTest {
 protected:
     void SetUp() override {
         MachineTest::SetUp();
@@ -32,7 +34,7 @@ protected:
     }
     // A routine that holds the worker until release_ is set.
     static VOID NTAPI Blocker(PVOID context) {
-        auto *self = static_cast<WorkQueueTest *>(context);
+        auto *self = static_cast<WorkQueueConcurrency *>(context);
         self->blocker_running_ = true;
         KeWaitForSingleObject(&self->release_, Executive, KernelMode, FALSE, nullptr);
         self->blocker_done_ = true;
@@ -53,7 +55,7 @@ protected:
     std::atomic<bool> blocker_running_{false}, blocker_done_{false};
 };
 
-TEST_F(WorkQueueTest, ItemsRunInOrderAndAreFreed) {
+TEST_F(WorkQueueConcurrency, ItemsRunInOrderAndAreFreed) {
     std::atomic<int> runs{0};
     for (int i = 0; i < 5; ++i) Queue(Count, nullptr, &runs);
     RundownWorkQueue(&queue_);
@@ -61,7 +63,7 @@ TEST_F(WorkQueueTest, ItemsRunInOrderAndAreFreed) {
     EXPECT_EQ(runs, 5);
 }
 
-TEST_F(WorkQueueTest, NewWorkItemWorksAtDispatchLevel) {
+TEST_F(WorkQueueConcurrency, NewWorkItemWorksAtDispatchLevel) {
     std::atomic<int> runs{0};
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
@@ -74,7 +76,7 @@ TEST_F(WorkQueueTest, NewWorkItemWorksAtDispatchLevel) {
     EXPECT_EQ(runs, 1);
 }
 
-TEST_F(WorkQueueTest, ALongRoutineDelaysTheRundown) {
+TEST_F(WorkQueueConcurrency, ALongRoutineDelaysTheRundown) {
     Queue(Blocker, nullptr, this);
     WaitFor(blocker_running_);
     std::atomic<bool> rundown_done{false};
@@ -90,7 +92,7 @@ TEST_F(WorkQueueTest, ALongRoutineDelaysTheRundown) {
     queue_.Initialized = 0;
 }
 
-TEST_F(WorkQueueTest, AnItemLeftBehindTheStopItemIsCleanedUpNotRun) {
+TEST_F(WorkQueueConcurrency, AnItemLeftBehindTheStopItemIsCleanedUpNotRun) {
     Queue(Blocker, nullptr, this);
     WaitFor(blocker_running_);
     std::thread stopper([&] { RundownWorkQueue(&queue_); });
@@ -108,7 +110,7 @@ TEST_F(WorkQueueTest, AnItemLeftBehindTheStopItemIsCleanedUpNotRun) {
     EXPECT_EQ(tally.cleanups, 1);
 }
 
-TEST_F(WorkQueueTest, RundownOfAnUncreatedQueueTouchesNothing) {
+TEST_F(WorkQueueConcurrency, RundownOfAnUncreatedQueueTouchesNothing) {
     WorkQueue never{};
     RundownWorkQueue(&never);  // a KQUEUE never initialised would upset the host
     WorkQueue no_threads{};
@@ -117,7 +119,7 @@ TEST_F(WorkQueueTest, RundownOfAnUncreatedQueueTouchesNothing) {
     RundownWorkQueue(&no_threads);
 }
 
-TEST_F(WorkQueueTest, ZeroThreadsIsSuccessAndNullIsRefused) {
+TEST_F(WorkQueueConcurrency, ZeroThreadsIsSuccessAndNullIsRefused) {
     WorkQueue empty{};
     EXPECT_EQ(InitializeWorkQueue(0, WorkQueueClassNoThreads, &empty), STATUS_SUCCESS);
     EXPECT_EQ(empty.Initialized, 1u);
