@@ -9,9 +9,9 @@
 
 namespace {
 
-VOID ReportMismatch(PCWSTR Label, ULONG Found) {
-    ReportPolicyRecordMismatch(Label, Found, AppBlockingFormatVersion);
-}
+namespace Format = AppBlockingFormat;
+
+VOID ReportMismatch(PCWSTR Label, ULONG Found) { ReportPolicyRecordMismatch(Label, Found, Format::FormatVersion); }
 
 UCHAR NarrowLower(UCHAR Character) { return (Character >= 'A' && Character <= 'Z') ? Character + 0x20 : Character; }
 
@@ -131,9 +131,9 @@ NTSTATUS ParseAppBlockingPolicy(PUCHAR Image, ULONGLONG *FlagsOut, ProcessAppBlo
     *FlagsOut = 0;
     *SetOut = nullptr;
     NTSTATUS Status = STATUS_UNSUCCESSFUL;
-    AppBlockingFileHeader Header;
+    Format::HeaderLayout Header;
     RtlCopyMemory(&Header, Image, sizeof(Header));
-    PUCHAR Records = Image + AppBlockingHeaderSize;
+    PUCHAR Records = Image + Format::Header::Size;
     const ULONG DataSize = Header.DataSize;
 
     if (ComputePolicyChecksum(Records, DataSize) != Header.Checksum) {
@@ -149,18 +149,18 @@ NTSTATUS ParseAppBlockingPolicy(PUCHAR Image, ULONGLONG *FlagsOut, ProcessAppBlo
         // what the image and the set really hold before anything is read,
         // and a file that claims more is refused.
         Status = WalkPolicyRecords(
-            Records, DataSize, AppBlockingRecordFixedSize, AppBlockingRuleMagic,
+            Records, DataSize, Format::RuleRecord::Size, Format::RuleMagic,
             WIDE("App Blocking Process Rule Magic Number"), [&](PUCHAR Record, ULONG Offset, ULONG *Size) {
                 AppBlockingRuleRecord Rule;
                 RtlCopyMemory(&Rule, Record, sizeof(Rule));
-                if (Rule.RuleCategory != 0) return STATUS_INVALID_PARAMETER;
+                if (Rule.RuleCategory != Format::RuleCategoryProcess) return STATUS_INVALID_PARAMETER;
                 if (Set == nullptr) return STATUS_DATA_ERROR;
-                if (Rule.BodyMagic != AppBlockingBodyMagic) {
+                if (Rule.BodyMagic != Format::BodyMagic) {
                     ReportMismatch(WIDE("App Blocking Process Rule Body Header"), Rule.BodyMagic);
                     return STATUS_INVALID_PARAMETER;
                 }
                 const ULONGLONG EntriesEnd =
-                    AppBlockingRecordFixedSize + (ULONGLONG)Rule.HashCount * AppBlockingHashEntrySize;
+                    Format::RuleRecord::Size + (ULONGLONG)Rule.HashCount * Format::HashEntry::Size;
                 if (Rule.RecordSize == 0 || !PolicyFits(Offset, Rule.RecordSize, DataSize) ||
                     EntriesEnd > Rule.RecordSize || Set->RuleCount >= Set->Capacity)
                     return STATUS_DATA_ERROR;
@@ -170,19 +170,18 @@ NTSTATUS ParseAppBlockingPolicy(PUCHAR Image, ULONGLONG *FlagsOut, ProcessAppBlo
                 if (!NT_SUCCESS(RuleStatus)) return RuleStatus;
                 Set->RuleCount += 1;
                 for (ULONG Entry = 0; Entry < Rule.HashCount; ++Entry) {
-                    PUCHAR EntryBytes = Record + AppBlockingRecordFixedSize + Entry * AppBlockingHashEntrySize;
-                    const ULONG EntryMagic = PolicyUlong(EntryBytes);
-                    if (EntryMagic != AppBlockingHashMagic) {
+                    PUCHAR EntryBytes = Record + Format::RuleRecord::Size + Entry * Format::HashEntry::Size;
+                    const ULONG EntryMagic = PolicyUlong(EntryBytes + Format::HashEntry::Magic);
+                    if (EntryMagic != Format::HashMagic) {
                         ReportMismatch(WIDE("App Blocking SHA256 rule"), EntryMagic);
                         return STATUS_INVALID_PARAMETER;
                     }
                     // The text reference slot takes the text's address, as the
                     // format says; only its low 32 bits fit on a 64-bit host.
-                    const WCHAR *Text = (const WCHAR *)(EntryBytes + FIELD_OFFSET(AppBlockingHashEntry, Digest));
-                    PolicyWriteUlong(EntryBytes + FIELD_OFFSET(AppBlockingHashEntry, TextReference),
-                                     (ULONG)(ULONG_PTR)Text);
+                    const WCHAR *Text = (const WCHAR *)(EntryBytes + Format::HashEntry::Digest);
+                    PolicyWriteUlong(EntryBytes + Format::HashEntry::TextReference, (ULONG)(ULONG_PTR)Text);
                     PUCHAR *NewSlot = nullptr;
-                    RuleStatus = AddAppBlockingHash(Slot, Text, AppBlockingDigestChars, &NewSlot);
+                    RuleStatus = AddAppBlockingHash(Slot, Text, Format::DigestChars, &NewSlot);
                     if (!NT_SUCCESS(RuleStatus)) return RuleStatus;
                 }
                 return STATUS_SUCCESS;

@@ -7,30 +7,18 @@
 #include "platform/nt.h"
 
 #include "include/texprt.h"
+#include "policy/format/appblocking.h"
 
-// File format. All numbers little-endian.
-constexpr ULONG AppBlockingPolicyMagic = 0x54425001;  // version 1
-constexpr ULONG AppBlockingRuleMagic = 0x42524801;
-constexpr ULONG AppBlockingBodyMagic = 0x42525001;
-constexpr ULONG AppBlockingHashMagic = 0x42465301;
-constexpr ULONG AppBlockingFormatVersion = 1;
+// The file's layouts, magic words and offsets are in
+// policy/format/appblocking.h; the library's own names for the few that
+// reach beyond the parser follow.
+constexpr ULONG AppBlockingPolicyMagic = AppBlockingFormat::PolicyMagic;
+constexpr ULONG AppBlockingHeaderSize = AppBlockingFormat::Header::Size;
+constexpr ULONG AppBlockingProcessRuleType = AppBlockingFormat::RuleTypeProcess;
 
-constexpr ULONG AppBlockingHeaderSize = 32;
-constexpr ULONG AppBlockingRecordFixedSize = 40;
-constexpr ULONG AppBlockingHashEntrySize = 138;
-constexpr ULONG AppBlockingDigestChars = 64;
-constexpr ULONG AppBlockingProcessRuleType = 6;
-
+// A rule record's fixed part as the parser copies it, with its rule id in
+// the words the rule keeps.
 #pragma pack(push, 1)
-struct AppBlockingFileHeader {
-    ULONG Magic;
-    ULONG Checksum;  // over DataSize + 1 bytes from offset 32
-    ULONG DataSize;
-    ULONG Reserved;
-    ULONGLONG PolicyFlags;
-    ULONG RuleCount;
-    ULONG PolicyTag;
-};
 struct AppBlockingRuleRecord {
     ULONG Magic;
     ULONG RecordSize;
@@ -40,19 +28,20 @@ struct AppBlockingRuleRecord {
     ULONG BodyMagic;
     ULONG HashCount;
 };
-struct AppBlockingHashEntry {
-    ULONG Magic;
-    ULONG TextReference;  // overwritten in the image with the text's address
-    WCHAR Digest[AppBlockingDigestChars];
-    WCHAR Terminator;
-};
 #pragma pack(pop)
-static_assert(sizeof(AppBlockingFileHeader) == AppBlockingHeaderSize);
-static_assert(sizeof(AppBlockingRuleRecord) == AppBlockingRecordFixedSize);
-static_assert(sizeof(AppBlockingHashEntry) == AppBlockingHashEntrySize);
+static_assert(FIELD_OFFSET(AppBlockingRuleRecord, Magic) == AppBlockingFormat::RuleRecord::Magic);
+static_assert(FIELD_OFFSET(AppBlockingRuleRecord, RecordSize) == AppBlockingFormat::RuleRecord::RecordSize);
+static_assert(FIELD_OFFSET(AppBlockingRuleRecord, RuleCategory) == AppBlockingFormat::RuleRecord::RuleCategory);
+static_assert(FIELD_OFFSET(AppBlockingRuleRecord, RuleType) == AppBlockingFormat::RuleRecord::RuleType);
+static_assert(FIELD_OFFSET(AppBlockingRuleRecord, RuleId) == AppBlockingFormat::RuleRecord::RuleId);
+static_assert(FIELD_OFFSET(AppBlockingRuleRecord, BodyMagic) == AppBlockingFormat::RuleRecord::BodyMagic);
+static_assert(FIELD_OFFSET(AppBlockingRuleRecord, HashCount) == AppBlockingFormat::RuleRecord::HashCount);
+static_assert(sizeof(AppBlockingRuleRecord) == AppBlockingFormat::RuleRecord::Size);
 
-// A digest as the match compares it: 32 raw bytes and a NUL.
+// A digest as the match compares it: 32 raw bytes and a NUL, two of the
+// file's hexadecimal characters to a byte.
 constexpr ULONG AppBlockingDigestBytes = 32;
+static_assert(AppBlockingDigestBytes * 2 == AppBlockingFormat::DigestChars);
 
 struct AppBlockingRule {
     ULONG HashesBorrowed;  // non-zero: the free leaves the digest list alone

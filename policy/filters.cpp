@@ -11,14 +11,7 @@
 
 namespace {
 
-constexpr ULONG FilterPatternMagic = 0x46504801;
-constexpr ULONG ActorProcessFilterMagic = 0x46415001;
-constexpr ULONG ActorUsernameFilterMagic = 0x46415501;
-constexpr ULONG ArgumentFilterMagic = 0x46414801;
-constexpr ULONG ParentProcessFilterMagic = 0x46505001;
-constexpr ULONG FilterRecordVersion = 1;
-constexpr ULONG TextRecordHeaderSize = 12;  // magic and string header
-constexpr ULONG UsernameRecordSize = 8;
+namespace Format = MonitorFormat;
 
 template <typename Element>
 VOID FreeTextElements(Element **Array, ULONG *Count) {
@@ -73,24 +66,24 @@ NTSTATUS LoadTextRecords(PUCHAR Records, ULONG Count, ULONG Available, ULONG Mag
     ULONG Offset = 0;
     NTSTATUS Status = STATUS_SUCCESS;
     for (ULONG Index = 0; Index < Count; ++Index) {
-        if (!PolicyFits(Offset, TextRecordHeaderSize, Available)) {
+        if (!PolicyFits(Offset, Format::TextRecord::Size, Available)) {
             Status = STATUS_DATA_ERROR;
             break;
         }
         PUCHAR Record = Records + Offset;
-        const ULONG Found = PolicyUlong(Record);
+        const ULONG Found = PolicyUlong(Record + Format::TextRecord::Magic);
         if (Found != Magic) {
-            ReportPolicyRecordMismatch(Label, Found, FilterRecordVersion);
+            ReportPolicyRecordMismatch(Label, Found, Magic & Format::MagicVersionMask);
             Status = STATUS_INVALID_PARAMETER;
             break;
         }
         UNICODE_STRING Text;
-        Status = ReadPolicyString(Record + 4, Record + TextRecordHeaderSize,
-                                  Available - Offset - TextRecordHeaderSize, TRUE, &Text);
+        Status = ReadPolicyString(Record + Format::TextRecord::Text, Record + Format::TextRecord::Size,
+                                  Available - Offset - Format::TextRecord::Size, TRUE, &Text);
         if (!NT_SUCCESS(Status)) break;
         Status = Add(&Text);
         if (!NT_SUCCESS(Status)) break;
-        Offset += TextRecordHeaderSize + Text.MaximumLength;
+        Offset += Format::TextRecord::Size + Text.MaximumLength;
         *SizeOut = Offset;
     }
     if (!NT_SUCCESS(Status)) {
@@ -104,8 +97,8 @@ NTSTATUS LoadTextRecords(PUCHAR Records, ULONG Count, ULONG Available, ULONG Mag
 
 NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLEAN Terminated,
                           PUNICODE_STRING View) {
-    const USHORT Length = PolicyUshort(Header);
-    const USHORT MaximumLength = PolicyUshort(Header + 2);
+    const USHORT Length = PolicyUshort(Header + Format::StringHeader::Length);
+    const USHORT MaximumLength = PolicyUshort(Header + Format::StringHeader::MaximumLength);
     if (Length > MaximumLength || (Length & 1) != 0 || (MaximumLength & 1) != 0 || MaximumLength > TextAvailable ||
         ((ULONG_PTR)Text & 1) != 0)
         return STATUS_DATA_ERROR;
@@ -118,7 +111,7 @@ NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLE
     // The slot takes the text's address; only its low 32 bits fit on a
     // 64-bit machine, and nothing reads it back.
     const ULONG Reference = (ULONG)(ULONG_PTR)Text;
-    RtlCopyMemory(Header + 4, &Reference, sizeof(Reference));
+    RtlCopyMemory(Header + Format::StringHeader::TextReference, &Reference, sizeof(Reference));
     View->Length = Length;
     View->MaximumLength = MaximumLength;
     View->Buffer = (PWCH)Text;
@@ -128,9 +121,9 @@ NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLE
 TimeOfDay DecodeTimeOfDay(ULONGLONG Word) {
     // No range check: the bytes are taken as they stand.
     TimeOfDay Time;
-    Time.Second = (SHORT)(Word & 0xFF);
-    Time.Minute = (SHORT)((Word >> 8) & 0xFF);
-    Time.Hour = (SHORT)((Word >> 16) & 0xFF);
+    Time.Second = (SHORT)((Word >> Format::TimeSecondShift) & Format::TimePartMask);
+    Time.Minute = (SHORT)((Word >> Format::TimeMinuteShift) & Format::TimePartMask);
+    Time.Hour = (SHORT)((Word >> Format::TimeHourShift) & Format::TimePartMask);
     return Time;
 }
 
@@ -213,7 +206,7 @@ NTSTATUS CompileNetworkAddressFilter(TextFilterElement *Element, PCUNICODE_STRIN
 }
 
 NTSTATUS InitRuleFilter(RuleFilter *Filter, ULONG Conditions, ULONG ObjectKind) {
-    if (Filter == nullptr || (Conditions & 0xFFFF) == 0) return STATUS_INVALID_PARAMETER;
+    if (Filter == nullptr || (Conditions & Format::FilterConditions) == 0) return STATUS_INVALID_PARAMETER;
     RtlZeroMemory(Filter, sizeof(*Filter));
     Filter->Conditions = Conditions;
     Filter->ObjectKind = ObjectKind;
@@ -222,7 +215,8 @@ NTSTATUS InitRuleFilter(RuleFilter *Filter, ULONG Conditions, ULONG ObjectKind) 
 
 NTSTATUS InitFileRuleFilter(RuleFilter *Filter, ULONG Conditions, ULONG ObjectKind) {
     // An object-kind condition must name a kind.
-    if ((Conditions & ConditionObjectKind) != 0 && (ObjectKind & 0xFF) == 0) return STATUS_INVALID_PARAMETER;
+    if ((Conditions & ConditionObjectKind) != 0 && (ObjectKind & Format::ObjectKindMask) == 0)
+        return STATUS_INVALID_PARAMETER;
     return InitRuleFilter(Filter, Conditions, ObjectKind);
 }
 
@@ -234,7 +228,7 @@ NTSTATUS InitProcessRuleFilter(RuleFilter *Filter, ULONG Conditions) {
 }
 
 NTSTATUS InitNetworkRuleFilter(NetworkRuleFilter *Filter, ULONG Conditions, ULONG ObjectKind) {
-    if (Filter == nullptr || (Conditions & 0xFFFF) == 0) return STATUS_INVALID_PARAMETER;
+    if (Filter == nullptr || (Conditions & Format::FilterConditions) == 0) return STATUS_INVALID_PARAMETER;
     RtlZeroMemory(Filter, sizeof(*Filter));
     Filter->Conditions = Conditions;
     Filter->ObjectKind = ObjectKind;
@@ -279,7 +273,7 @@ NTSTATUS LoadFilterPatterns(RuleFilter *Filter, PUCHAR Records, ULONG Count, ULO
     *SizeOut = 0;
     if (Count == 0) return STATUS_SUCCESS;
     return LoadTextRecords(
-        Records, Count, Available, FilterPatternMagic, WIDE("Filter Pattern Header"), SizeOut,
+        Records, Count, Available, Format::PatternMagic, WIDE("Filter Pattern Header"), SizeOut,
         [Filter](PCUNICODE_STRING Text) {
             return AppendElement(&Filter->FilterPatterns, &Filter->FilterPatternCount,
                                  [Text](FilterPatternElement *Element) { return CompileFilterPattern(Element, Text); });
@@ -306,7 +300,7 @@ NTSTATUS LoadActorProcessFilters(PVOID Filter, ULONG Category, PUCHAR Records, U
         Counter = &((RuleFilter *)Filter)->ActorProcessCount;
     }
     return LoadTextRecords(
-        Records, Count, Available, ActorProcessFilterMagic, WIDE("Actor Process Filter Header"), SizeOut,
+        Records, Count, Available, Format::ActorProcessMagic, WIDE("Actor Process Filter Header"), SizeOut,
         [Array, Counter](PCUNICODE_STRING Text) {
             return AppendElement(Array, Counter,
                                  [Text](ActorProcessElement *Element) { return CompileActorProcessFilter(Element, Text); });
@@ -333,25 +327,26 @@ NTSTATUS LoadActorUsernameFilters(PVOID Filter, ULONG Category, PUCHAR Records, 
     }
     NTSTATUS Status = STATUS_SUCCESS;
     for (ULONG Index = 0; Index < Count; ++Index) {
-        const ULONG Offset = Index * UsernameRecordSize;
-        if (!PolicyFits(Offset, UsernameRecordSize, Available)) {
+        const ULONG Offset = Index * Format::NumberRecord::Size;
+        if (!PolicyFits(Offset, Format::NumberRecord::Size, Available)) {
             Status = STATUS_DATA_ERROR;
             break;
         }
-        const ULONG Found = PolicyUlong(Records + Offset);
-        if (Found != ActorUsernameFilterMagic) {
-            ReportPolicyRecordMismatch(WIDE("Actor Username Filter Header"), Found, FilterRecordVersion);
+        const ULONG Found = PolicyUlong(Records + Offset + Format::NumberRecord::Magic);
+        if (Found != Format::ActorUsernameMagic) {
+            ReportPolicyRecordMismatch(WIDE("Actor Username Filter Header"), Found,
+                                       Format::ActorUsernameMagic & Format::MagicVersionMask);
             Status = STATUS_INVALID_PARAMETER;
             break;
         }
         // Only the low byte of the value is kept.
-        const UCHAR Value = (UCHAR)PolicyUlong(Records + Offset + 4);
+        const UCHAR Value = (UCHAR)PolicyUlong(Records + Offset + Format::NumberRecord::Value);
         Status = AppendElement(Array, Counter, [Value](UCHAR *Element) {
             *Element = Value;
             return STATUS_SUCCESS;
         });
         if (!NT_SUCCESS(Status)) break;
-        *SizeOut = Offset + UsernameRecordSize;
+        *SizeOut = Offset + Format::NumberRecord::Size;
     }
     if (!NT_SUCCESS(Status)) {
         TRACE_STATUS(Status);
@@ -385,14 +380,14 @@ NTSTATUS LoadWhiteListTextFilters(RuleFilter *Filter, PUCHAR Records, ULONG Coun
 }  // namespace
 
 NTSTATUS LoadArgumentFilters(RuleFilter *Filter, PUCHAR Records, ULONG Count, ULONG Available, ULONG *SizeOut) {
-    return LoadWhiteListTextFilters(Filter, Records, Count, Available, SizeOut, ArgumentFilterMagic,
+    return LoadWhiteListTextFilters(Filter, Records, Count, Available, SizeOut, Format::ArgumentMagic,
                                     WIDE("Argument Filter Header"), Filter ? &Filter->Arguments : nullptr,
                                     Filter ? &Filter->ArgumentCount : nullptr);
 }
 
 NTSTATUS LoadParentProcessFilters(RuleFilter *Filter, PUCHAR Records, ULONG Count, ULONG Available,
                                   ULONG *SizeOut) {
-    return LoadWhiteListTextFilters(Filter, Records, Count, Available, SizeOut, ParentProcessFilterMagic,
+    return LoadWhiteListTextFilters(Filter, Records, Count, Available, SizeOut, Format::ParentProcessMagic,
                                     WIDE("Parent Process Filter Header"), Filter ? &Filter->ParentProcesses : nullptr,
                                     Filter ? &Filter->ParentProcessCount : nullptr);
 }
@@ -401,13 +396,13 @@ NTSTATUS LoadParentProcessFilters(RuleFilter *Filter, PUCHAR Records, ULONG Coun
 
 namespace {
 
-constexpr ULONG NetworkAddressFilterMagic = 0x46786501;
-constexpr ULONG NetworkPortNumberFilterMagic = 0x46787801;
-constexpr ULONG NetworkPortRangeFilterMagic = 0x46788201;
-constexpr ULONG NetworkNumberRecordSize = 8;
-
 // Ports and ranges: fixed 8-byte records, stored as bare 16-bit arrays so
-// that a match is a linear scan.
+// that a match is a linear scan. The two kinds are one size and have their
+// magic in one place; Decode reads the rest of a record.
+static_assert(Format::NumberRecord::Size == Format::PortRangeRecord::Size &&
+              Format::NumberRecord::Magic == Format::PortRangeRecord::Magic);
+constexpr ULONG NetworkNumberRecordSize = Format::NumberRecord::Size;
+
 template <typename Element, typename DecodeRoutine>
 NTSTATUS LoadNumberRecords(NetworkRuleFilter *Filter, PUCHAR Records, ULONG Count, ULONG Available,
                            ULONG *SizeOut, ULONG Magic, PCWSTR Label, Element **Array, ULONG *Counter,
@@ -419,15 +414,15 @@ NTSTATUS LoadNumberRecords(NetworkRuleFilter *Filter, PUCHAR Records, ULONG Coun
             Status = STATUS_DATA_ERROR;
             break;
         }
-        const ULONG Found = PolicyUlong(Records + Offset);
+        const PUCHAR Record = Records + Offset;
+        const ULONG Found = PolicyUlong(Record + Format::NumberRecord::Magic);
         if (Found != Magic) {
-            ReportPolicyRecordMismatch(Label, Found, FilterRecordVersion);
+            ReportPolicyRecordMismatch(Label, Found, Magic & Format::MagicVersionMask);
             Status = STATUS_INVALID_PARAMETER;
             break;
         }
-        const PUCHAR Value = Records + Offset + 4;
-        Status = AppendElement(Array, Counter, [Value, Decode](Element *Slot) {
-            *Slot = Decode(Value);
+        Status = AppendElement(Array, Counter, [Record, Decode](Element *Slot) {
+            *Slot = Decode(Record);
             return STATUS_SUCCESS;
         });
         if (!NT_SUCCESS(Status)) break;
@@ -459,7 +454,7 @@ NTSTATUS LoadNetworkAddressFilters(NetworkRuleFilter *Filter, PUCHAR Records, UL
     TextFilterElement **Array = &Filter->Addresses[Group];
     ULONG *Counter = &Filter->AddressCount[Group];
     return LoadTextRecords(
-        Records, Count, Available, NetworkAddressFilterMagic, WIDE("Network Address Filter Header"), SizeOut,
+        Records, Count, Available, Format::NetworkAddressMagic, WIDE("Network Address Filter Header"), SizeOut,
         [Array, Counter](PCUNICODE_STRING Text) {
             return AppendElement(Array, Counter,
                                  [Text](TextFilterElement *Element) { return CompileNetworkAddressFilter(Element, Text); });
@@ -471,23 +466,25 @@ NTSTATUS LoadNetworkPortNumberFilters(NetworkRuleFilter *Filter, PUCHAR Records,
                                       ULONG Available, ULONG *SizeOut) {
     if (!NetworkListArgumentsValid(Filter, Records, Group, Count, SizeOut)) return STATUS_INVALID_PARAMETER;
     // A port word keeps its low 16 bits.
-    return LoadNumberRecords(Filter, Records, Count, Available, SizeOut, NetworkPortNumberFilterMagic,
+    return LoadNumberRecords(Filter, Records, Count, Available, SizeOut, Format::NetworkPortMagic,
                              WIDE("Network Port Number Filter Header"), Group == 0 ? &Filter->Ports0 : &Filter->Ports1,
                              Group == 0 ? &Filter->PortCount0 : &Filter->PortCount1,
-                             [](const UCHAR *Value) { return (USHORT)PolicyUlong(Value); });
+                             [](const UCHAR *Record) {
+                                 return (USHORT)PolicyUlong(Record + Format::NumberRecord::Value);
+                             });
 }
 
 NTSTATUS LoadNetworkPortRangeFilters(NetworkRuleFilter *Filter, PUCHAR Records, ULONG Group, ULONG Count,
                                      ULONG Available, ULONG *SizeOut) {
     if (!NetworkListArgumentsValid(Filter, Records, Group, Count, SizeOut)) return STATUS_INVALID_PARAMETER;
     // A range is stored as it stands, even with its ends reversed.
-    return LoadNumberRecords(Filter, Records, Count, Available, SizeOut, NetworkPortRangeFilterMagic,
+    return LoadNumberRecords(Filter, Records, Count, Available, SizeOut, Format::NetworkPortRangeMagic,
                              WIDE("Network Port Range Filter Header"),
                              Group == 0 ? &Filter->PortRanges0 : &Filter->PortRanges1,
-                             Group == 0 ? &Filter->PortRangeCount0 : &Filter->PortRangeCount1, [](const UCHAR *Value) {
+                             Group == 0 ? &Filter->PortRangeCount0 : &Filter->PortRangeCount1, [](const UCHAR *Record) {
                                  PortRange Range;
-                                 Range.Low = PolicyUshort(Value);
-                                 Range.High = PolicyUshort(Value + 2);
+                                 Range.Low = PolicyUshort(Record + Format::PortRangeRecord::Low);
+                                 Range.High = PolicyUshort(Record + Format::PortRangeRecord::High);
                                  return Range;
                              });
 }

@@ -10,6 +10,8 @@
 
 namespace {
 
+namespace Format = MonitorFormat;
+
 template <typename Set>
 NTSTATUS CreateSet(ULONG Count, Set **SetOut) {
     if (SetOut == nullptr || Count == 0) {
@@ -48,10 +50,12 @@ NTSTATUS FreeSet(Set *Target, FreeBody Free) {
 // in place, and one that runs past the area would lead it out.
 template <typename Visitor>
 NTSTATUS WalkRuleRecords(PUCHAR Records, ULONG BodyLength, Visitor &&Visit) {
-    return WalkPolicyRecords(Records, BodyLength, 2 * sizeof(ULONG), RuleRecordMagic, WIDE("Rule Magic Number"),
+    // The walk needs the magic and the size word.
+    constexpr ULONG SizedHead = Format::RuleRecord::RecordSize + sizeof(ULONG);
+    return WalkPolicyRecords(Records, BodyLength, SizedHead, Format::RuleMagic, WIDE("Rule Magic Number"),
                              [&](PUCHAR Record, ULONG Offset, ULONG *Size) {
                                  RuleRecordHeader Header;
-                                 Header.RecordSize = PolicyUlong(Record + 4);
+                                 Header.RecordSize = PolicyUlong(Record + Format::RuleRecord::RecordSize);
                                  if (Header.RecordSize < sizeof(RuleRecordHeader) ||
                                      !PolicyFits(Offset, Header.RecordSize, BodyLength))
                                      return STATUS_DATA_ERROR;
@@ -183,17 +187,18 @@ NTSTATUS CopyRuleContexts(const RuleContextEntry *Contexts, ULONG Count, RuleCon
 NTSTATUS ParseRecordHead(PUCHAR Record, ULONG RecordSize, ULONG BodyMagic, PCWSTR BodyLabel, ULONG FixedSize,
                          ParsedRecord *Parsed) {
     RtlZeroMemory(Parsed, sizeof(*Parsed));
-    Parsed->Category = PolicyUlong(Record + 8);
-    Parsed->RuleType = PolicyUlong(Record + 12);
-    NTSTATUS Status = ParseRuleContext(Record + 16, RecordSize - 16, &Parsed->Contexts, &Parsed->ContextCount);
+    Parsed->Category = PolicyUlong(Record + Format::RuleRecord::RuleCategory);
+    Parsed->RuleType = PolicyUlong(Record + Format::RuleRecord::RuleType);
+    NTSTATUS Status = ParseRuleContext(Record + Format::RuleRecord::Contexts, RecordSize - Format::RuleRecord::Contexts,
+                                       &Parsed->Contexts, &Parsed->ContextCount);
     if (!NT_SUCCESS(Status)) return Status;
-    const ULONG BodyOffset = RuleRecordFixedSize + Parsed->ContextCount * RuleContextFileEntrySize;
+    const ULONG BodyOffset = Format::RuleRecord::Size + Parsed->ContextCount * Format::ContextEntry::Size;
     if (!PolicyFits(BodyOffset, sizeof(ULONG), RecordSize)) return STATUS_DATA_ERROR;
     Parsed->Body = Record + BodyOffset;
     Parsed->BodyAvailable = RecordSize - BodyOffset;
     const ULONG Magic = PolicyUlong(Parsed->Body);
     if (Magic != BodyMagic) {
-        ReportPolicyRecordMismatch(BodyLabel, Magic, BodyMagic & 0xFF);
+        ReportPolicyRecordMismatch(BodyLabel, Magic, BodyMagic & Format::MagicVersionMask);
         return STATUS_INVALID_PARAMETER;
     }
     if (!PolicyFits(0, FixedSize, Parsed->BodyAvailable)) return STATUS_DATA_ERROR;
@@ -207,20 +212,24 @@ NTSTATUS ParseRuleContext(const UCHAR *Block, ULONG Available, RuleContextEntry 
     }
     *Entries = nullptr;
     *Count = 0;
-    if (!PolicyFits(0, 2 * sizeof(ULONG), Available)) return STATUS_DATA_ERROR;
-    const ULONG Magic = PolicyUlong(Block);
-    if (Magic != RuleContextMagic) {
-        ReportPolicyRecordMismatch(WIDE("Rule Context Header"), Magic, 1);
+    if (!PolicyFits(0, Format::ContextHeader::Size, Available)) return STATUS_DATA_ERROR;
+    const ULONG Magic = PolicyUlong(Block + Format::ContextHeader::Magic);
+    if (Magic != Format::ContextMagic) {
+        ReportPolicyRecordMismatch(WIDE("Rule Context Header"), Magic, Format::ContextMagic & Format::MagicVersionMask);
         return STATUS_INVALID_PARAMETER;
     }
-    const ULONG EntryCount = PolicyUlong(Block + 4);
-    if (EntryCount != 0 && !PolicyFits(2 * sizeof(ULONG), (ULONGLONG)EntryCount * RuleContextFileEntrySize, Available))
+    const ULONG EntryCount = PolicyUlong(Block + Format::ContextHeader::Count);
+    if (EntryCount != 0 &&
+        !PolicyFits(Format::ContextHeader::Size, (ULONGLONG)EntryCount * Format::ContextEntry::Size, Available))
         return STATUS_DATA_ERROR;
     RuleContextEntry *Array = nullptr;
     const NTSTATUS Status = AllocateRuleContextEntries(EntryCount, &Array);
     if (!NT_SUCCESS(Status)) return Status;
+    // Each file entry fills the front of its memory entry, which has the
+    // file's layout there.
     for (ULONG Index = 0; Index < EntryCount; ++Index)
-        RtlCopyMemory(&Array[Index], Block + 8 + Index * RuleContextFileEntrySize, RuleContextFileEntrySize);
+        RtlCopyMemory(&Array[Index], Block + Format::ContextHeader::Size + Index * Format::ContextEntry::Size,
+                      Format::ContextEntry::Size);
     *Entries = Array;
     *Count = EntryCount;
     return STATUS_SUCCESS;
@@ -234,7 +243,8 @@ NTSTATUS ReadMonitorPolicyFile(PUNICODE_STRING Path, PUCHAR *Image, ULONG *BodyL
     ULONG Found = 0;
     const NTSTATUS Status = ReadPolicyFileImage(Path, MonitorPolicyMagic, TagPolicy, Image, BodyLength, &Found);
     if (Status == STATUS_FILE_INVALID)
-        ReportPolicyVersionMismatch(WIDE("Policy Magic Number"), (USHORT)(Found & 0xFF), (USHORT)MonitorPolicyVersion);
+        ReportPolicyVersionMismatch(WIDE("Policy Magic Number"), (USHORT)(Found & Format::MagicVersionMask),
+                                    (USHORT)Format::PolicyVersion);
     return Status;
 }
 
@@ -245,9 +255,9 @@ NTSTATUS ParseMonitorPolicy(PUCHAR Image, MonitorRuleSets *EdrSets, MonitorRuleS
         return STATUS_INVALID_PARAMETER;
     }
     *WhiteListSet = nullptr;
-    MonitorPolicyHeader Header;
+    Format::PolicyHeaderLayout Header;
     RtlCopyMemory(&Header, Image, sizeof(Header));
-    PUCHAR Records = Image + MonitorPolicyHeaderSize;
+    PUCHAR Records = Image + Format::PolicyHeader::Size;
     const ULONG BodyLength = Header.BodyLength;
 
     if (ComputePolicyChecksum(Records, BodyLength) != Header.BodyChecksum) {

@@ -8,44 +8,33 @@
 
 #include "base/strings.h"
 #include "base/trace.h"
+#include "policy/format/monitor.h"
 #include "policy/records.h"
 
 // ---------------------------------------------------------------- the file
-// All numbers little-endian. Every magic word is compared whole; its low
-// byte is the version of its record.
+// The layouts, magic words and offsets are in policy/format/monitor.h; the
+// library's own names for the few that reach beyond the parsers follow.
 
-constexpr ULONG MonitorPolicyMagic = 0x54425003;  // version 3
-constexpr ULONG MonitorPolicyVersion = 3;
-constexpr ULONG MonitorPolicyHeaderSize = 36;
-
-constexpr ULONG RuleRecordMagic = 0x52480001;
-constexpr ULONG RuleContextMagic = 0x52434801;
-constexpr ULONG RuleRecordFixedSize = 24;    // up to the first context entry
-constexpr ULONG RuleContextFileEntrySize = 20;
+constexpr ULONG MonitorPolicyMagic = MonitorFormat::PolicyMagic;
+constexpr ULONG MonitorPolicyHeaderSize = MonitorFormat::PolicyHeader::Size;
 
 // The two list words of the first context entry.
-constexpr ULONG RuleListFim = 1;
-constexpr ULONG RuleListEdr = 2;
+constexpr ULONG RuleListFim = MonitorFormat::ListFim;
+constexpr ULONG RuleListEdr = MonitorFormat::ListEdr;
 
 enum MonitorRuleCategory : ULONG {
-    CategorySystem = 0,
-    CategoryProcess = 1,
-    CategoryFile = 2,
-    CategoryRegistry = 3,
-    CategoryWhiteList = 4,
-    CategoryNetwork = 5,
-    CategoryCount = 6,
+    CategorySystem = MonitorFormat::CategorySystem,
+    CategoryProcess = MonitorFormat::CategoryProcess,
+    CategoryFile = MonitorFormat::CategoryFile,
+    CategoryRegistry = MonitorFormat::CategoryRegistry,
+    CategoryWhiteList = MonitorFormat::CategoryWhiteList,
+    CategoryNetwork = MonitorFormat::CategoryNetwork,
+    CategoryCount = MonitorFormat::CategoryCount,
 };
 
+// The head of a rule record as the walks read it: the record's words, the
+// context block's, and the list word of the first context entry.
 #pragma pack(push, 1)
-struct MonitorPolicyHeader {
-    ULONG Magic;
-    ULONG BodyChecksum;  // over BodyLength + 1 bytes from offset 36
-    ULONG BodyLength;
-    ULONG Reserved[4];
-    ULONG WhiteListRuleCapacity;
-    ULONG Reserved2;
-};
 struct RuleRecordHeader {
     ULONG RuleMagic;
     ULONG RecordSize;
@@ -53,17 +42,18 @@ struct RuleRecordHeader {
     ULONG RuleType;
     ULONG ContextMagic;
     ULONG ContextCount;
-    ULONG RuleList;  // the first word of the first context entry
-};
-// A counted string as the file holds it; the text follows.
-struct PolicyStringHeader {
-    USHORT Length;
-    USHORT MaximumLength;
-    ULONG TextReference;  // overwritten at load; its file value means nothing
+    ULONG RuleList;
 };
 #pragma pack(pop)
-static_assert(sizeof(MonitorPolicyHeader) == MonitorPolicyHeaderSize);
-static_assert(sizeof(PolicyStringHeader) == 8);
+static_assert(FIELD_OFFSET(RuleRecordHeader, RuleMagic) == MonitorFormat::RuleRecord::Magic);
+static_assert(FIELD_OFFSET(RuleRecordHeader, RecordSize) == MonitorFormat::RuleRecord::RecordSize);
+static_assert(FIELD_OFFSET(RuleRecordHeader, RuleCategory) == MonitorFormat::RuleRecord::RuleCategory);
+static_assert(FIELD_OFFSET(RuleRecordHeader, RuleType) == MonitorFormat::RuleRecord::RuleType);
+static_assert(FIELD_OFFSET(RuleRecordHeader, ContextMagic) ==
+              MonitorFormat::RuleRecord::Contexts + MonitorFormat::ContextHeader::Magic);
+static_assert(FIELD_OFFSET(RuleRecordHeader, ContextCount) == MonitorFormat::RuleRecord::ContextCount);
+static_assert(FIELD_OFFSET(RuleRecordHeader, RuleList) == MonitorFormat::RuleRecord::FirstRuleList);
+static_assert(sizeof(RuleRecordHeader) == MonitorFormat::RuleRecord::FirstRuleList + sizeof(ULONG));
 
 // ---------------------------------------------------------------- memory
 
@@ -75,6 +65,10 @@ struct RuleContextEntry {
     ULONG Extra;
 };
 static_assert(sizeof(RuleContextEntry) == 24);
+// The file entry is copied whole into the front of the memory one.
+static_assert(FIELD_OFFSET(RuleContextEntry, RuleList) == MonitorFormat::ContextEntry::RuleList);
+static_assert(FIELD_OFFSET(RuleContextEntry, RuleId) == MonitorFormat::ContextEntry::RuleId);
+static_assert(FIELD_OFFSET(RuleContextEntry, Extra) == MonitorFormat::ContextEntry::Size);
 
 // PatternFlags.
 constexpr ULONG PatternRooted = 0x1;         // began with a backslash, now removed
@@ -102,22 +96,22 @@ struct TimeOfDay {
 };
 
 // RuleFilter Conditions bits.
-constexpr ULONG ConditionObjectKind = 0x01;
-constexpr ULONG ConditionPatterns = 0x02;
-constexpr ULONG ConditionAttributes = 0x04;
-constexpr ULONG ConditionSize = 0x08;
-constexpr ULONG ConditionActorProcess = 0x10;
-constexpr ULONG ConditionActorUsername = 0x20;
-constexpr ULONG ConditionTime = 0x40;
-constexpr ULONG ConditionArguments = 0x80;
-constexpr ULONG ConditionParentProcess = 0x100;
-constexpr ULONG ConditionFilterValue = 0x8000;
+constexpr ULONG ConditionObjectKind = MonitorFormat::ConditionObjectKind;
+constexpr ULONG ConditionPatterns = MonitorFormat::ConditionPatterns;
+constexpr ULONG ConditionAttributes = MonitorFormat::ConditionAttributes;
+constexpr ULONG ConditionSize = MonitorFormat::ConditionSize;
+constexpr ULONG ConditionActorProcess = MonitorFormat::ConditionActorProcess;
+constexpr ULONG ConditionActorUsername = MonitorFormat::ConditionActorUsername;
+constexpr ULONG ConditionTime = MonitorFormat::ConditionTime;
+constexpr ULONG ConditionArguments = MonitorFormat::ConditionArguments;
+constexpr ULONG ConditionParentProcess = MonitorFormat::ConditionParentProcess;
+constexpr ULONG ConditionFilterValue = MonitorFormat::ConditionFilterValue;
 // NetworkRuleFilter Conditions bits beyond the actor, username and time ones.
-constexpr ULONG ConditionLocalAddress = 0x200;
-constexpr ULONG ConditionRemoteAddress = 0x400;
-constexpr ULONG ConditionLocalPort = 0x800;
-constexpr ULONG ConditionRemotePort = 0x1000;
-constexpr ULONG ConditionProtocol = 0x2000;
+constexpr ULONG ConditionLocalAddress = MonitorFormat::ConditionLocalAddress;
+constexpr ULONG ConditionRemoteAddress = MonitorFormat::ConditionRemoteAddress;
+constexpr ULONG ConditionLocalPort = MonitorFormat::ConditionLocalPort;
+constexpr ULONG ConditionRemotePort = MonitorFormat::ConditionRemotePort;
+constexpr ULONG ConditionProtocol = MonitorFormat::ConditionProtocol;
 
 // One condition set of a rule. A zeroed filter is a valid empty one.
 struct RuleFilter {

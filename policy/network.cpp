@@ -9,10 +9,7 @@
 
 namespace {
 
-constexpr ULONG NetworkBodyMagic = 0x52424E01;
-constexpr ULONG NetworkFilterMagic = 0x524E4601;
-constexpr ULONG NetworkBodyFixedSize = 16;
-constexpr ULONG NetworkFilterHeaderSize = 64;
+namespace Format = MonitorFormat;
 
 NTSTATUS AppendNetworkFilter(NetworkRuleFilter **List, ULONG *Count, ULONG Conditions, ULONG ObjectKind,
                              NetworkRuleFilter **Added) {
@@ -31,24 +28,27 @@ NTSTATUS LoadNetworkFilterList(NetworkRuleFilter **List, ULONG *ListCount, PUCHA
     *SizeOut = 0;
     if (Count == 0) return STATUS_SUCCESS;
     if (!PolicyFits(0, sizeof(ULONG), Available)) return STATUS_DATA_ERROR;
-    const ULONG Magic = PolicyUlong(Cursor);
-    if (Magic != NetworkFilterMagic) {
-        ReportPolicyRecordMismatch(WIDE("Network Rule Filter Header"), Magic, 1);
+    const ULONG Magic = PolicyUlong(Cursor + Format::NetworkFilter::Magic);
+    if (Magic != Format::NetworkFilterMagic) {
+        ReportPolicyRecordMismatch(WIDE("Network Rule Filter Header"), Magic,
+                                   Format::NetworkFilterMagic & Format::MagicVersionMask);
         return STATUS_INVALID_PARAMETER;
     }
     ULONG Offset = 0;
     for (ULONG Index = 0; Index < Count; ++Index) {
-        if (!PolicyFits(Offset, NetworkFilterHeaderSize, Available)) return STATUS_DATA_ERROR;
+        if (!PolicyFits(Offset, Format::NetworkFilter::Size, Available)) return STATUS_DATA_ERROR;
         PUCHAR Header = Cursor + Offset;
         NetworkRuleFilter *Filter = nullptr;
-        NTSTATUS Status = AppendNetworkFilter(List, ListCount, PolicyUlong(Header + 4), PolicyUlong(Header + 8), &Filter);
+        NTSTATUS Status = AppendNetworkFilter(List, ListCount, PolicyUlong(Header + Format::NetworkFilter::Conditions),
+                                              PolicyUlong(Header + Format::NetworkFilter::ObjectKind), &Filter);
         if (!NT_SUCCESS(Status)) return Status;
-        Filter->StartTime = DecodeTimeOfDay(PolicyUlonglong(Header + 48));
-        Filter->EndTime = DecodeTimeOfDay(PolicyUlonglong(Header + 56));
-        ULONG Consumed = NetworkFilterHeaderSize, Size = 0;
+        Filter->StartTime = DecodeTimeOfDay(PolicyUlonglong(Header + Format::NetworkFilter::StartTime));
+        Filter->EndTime = DecodeTimeOfDay(PolicyUlonglong(Header + Format::NetworkFilter::EndTime));
+        ULONG Consumed = Format::NetworkFilter::Size, Size = 0;
         // The eight lists in file order: actors, then per group addresses,
         // ports and ranges.
-        const ULONG Actors = PolicyUlong(Header + 12), Usernames = PolicyUlong(Header + 16);
+        const ULONG Actors = PolicyUlong(Header + Format::NetworkFilter::ActorProcessCount),
+                    Usernames = PolicyUlong(Header + Format::NetworkFilter::ActorUsernameCount);
         if (Actors != 0) {
             Status = LoadActorProcessFilters(Filter, CategoryNetwork, Header + Consumed, Actors,
                                              Available - Offset - Consumed, &Size);
@@ -63,9 +63,12 @@ NTSTATUS LoadNetworkFilterList(NetworkRuleFilter **List, ULONG *ListCount, PUCHA
         }
         NetworkListLoader *const Loaders[3] = {LoadNetworkAddressFilters, LoadNetworkPortNumberFilters,
                                                LoadNetworkPortRangeFilters};
+        const ULONG CountOffsets[3] = {Format::NetworkGroup::AddressCount, Format::NetworkGroup::PortCount,
+                                       Format::NetworkGroup::PortRangeCount};
         for (ULONG Group = 0; Group < 2; ++Group) {
+            PUCHAR Counts = Header + Format::NetworkFilter::Groups + Group * Format::NetworkGroup::Size;
             for (ULONG Kind = 0; Kind < 3; ++Kind) {
-                const ULONG ListLength = PolicyUlong(Header + 20 + (Group * 3 + Kind) * sizeof(ULONG));
+                const ULONG ListLength = PolicyUlong(Counts + CountOffsets[Kind]);
                 if (ListLength == 0) continue;
                 Status = Loaders[Kind](Filter, Header + Consumed, Group, ListLength, Available - Offset - Consumed, &Size);
                 if (!NT_SUCCESS(Status)) return Status;
@@ -106,7 +109,7 @@ NTSTATUS AddMonitorNetworkRule(MonitorNetworkRuleSet *Set, ULONG RuleCategory, U
     }
     if (Set->RuleCount >= Set->Capacity) return STATUS_BUFFER_OVERFLOW;
     // A rule must watch one of the three network operations.
-    if ((OperationMask & 0x7) == 0) {
+    if ((OperationMask & Format::NetworkOperations) == 0) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
@@ -126,21 +129,23 @@ NTSTATUS ParseMonitorNetworkRule(MonitorNetworkRuleSet *Set, PUCHAR Record, ULON
     }
     ParsedRecord Parsed;
     NetworkRuleBody *Rule = nullptr;
-    NTSTATUS Status = ParseRecordHead(Record, RecordSize, NetworkBodyMagic, WIDE("Network Rule Body Header"),
-                                      NetworkBodyFixedSize, &Parsed);
+    NTSTATUS Status = ParseRecordHead(Record, RecordSize, Format::NetworkBodyMagic, WIDE("Network Rule Body Header"),
+                                      Format::NetworkBody::Size, &Parsed);
     if (NT_SUCCESS(Status))
         Status = AddMonitorNetworkRule(Set, Parsed.Category, Parsed.RuleType, Parsed.Contexts, Parsed.ContextCount,
-                                       PolicyUlong(Parsed.Body + 12), &Rule);
+                                       PolicyUlong(Parsed.Body + Format::NetworkBody::OperationMask), &Rule);
     if (NT_SUCCESS(Status)) {
         // The exclude list starts exactly behind what the include list consumed.
-        PUCHAR Lists = Parsed.Body + NetworkBodyFixedSize;
-        const ULONG ListsAvailable = Parsed.BodyAvailable - NetworkBodyFixedSize;
+        PUCHAR Lists = Parsed.Body + Format::NetworkBody::Size;
+        const ULONG ListsAvailable = Parsed.BodyAvailable - Format::NetworkBody::Size;
         ULONG Size = 0;
-        Status = LoadNetworkFilterList(&Rule->IncludeFilters, &Rule->IncludeCount, Lists, PolicyUlong(Parsed.Body + 4),
-                                       ListsAvailable, &Size);
+        Status = LoadNetworkFilterList(&Rule->IncludeFilters, &Rule->IncludeCount, Lists,
+                                       PolicyUlong(Parsed.Body + Format::NetworkBody::IncludeCount), ListsAvailable,
+                                       &Size);
         if (NT_SUCCESS(Status))
             Status = LoadNetworkFilterList(&Rule->ExcludeFilters, &Rule->ExcludeCount, Lists + Size,
-                                           PolicyUlong(Parsed.Body + 8), ListsAvailable - Size, &Size);
+                                           PolicyUlong(Parsed.Body + Format::NetworkBody::ExcludeCount),
+                                           ListsAvailable - Size, &Size);
     }
     PoolFree(Parsed.Contexts);
     if (!NT_SUCCESS(Status)) TRACE_STATUS(Status);

@@ -11,9 +11,9 @@
 
 namespace {
 
-constexpr ULONG RuleFilterHeaderSize = 72;
+namespace Format = MonitorFormat;
 
-// Which fields of the 72-byte filter header a kind keeps.
+// Which fields of the filter header a kind keeps.
 enum class FilterFields { All, ObjectKind, FilterValue, None };
 
 struct PathRuleKind {
@@ -28,14 +28,46 @@ struct PathRuleKind {
     ULONG IncludeCount, ExcludeCount;  // offsets of the two list counts
 };
 
-const PathRuleKind FileKind = {CategoryFile, 0x52424602, WIDE("File Rule Body Header"), 0x52464602,
-                               WIDE("File Rule Filter Header"), FilterFields::All, 36, 8, 20, 24};
-const PathRuleKind RegistryKind = {CategoryRegistry, 0x52425201, WIDE("Registry Rule Body Header"), 0x52524602,
-                                   WIDE("Registry Rule Filter Header"), FilterFields::ObjectKind, 40, 4, 24, 28};
-const PathRuleKind ProcessKind = {CategoryProcess, 0x52425002, WIDE("Process Rule Body Header"), 0x52504603,
-                                  WIDE("Process Rule Filter Header"), FilterFields::FilterValue, 28, 4, 16, 20};
-const PathRuleKind SystemKind = {CategorySystem, 0x52425301, WIDE("System Rule Body Header"), 0x52505302,
-                                 WIDE("System Rule Filter Header"), FilterFields::None, 28, 4, 16, 20};
+const PathRuleKind FileKind = {CategoryFile,
+                               Format::FileBodyMagic,
+                               WIDE("File Rule Body Header"),
+                               Format::FileFilterMagic,
+                               WIDE("File Rule Filter Header"),
+                               FilterFields::All,
+                               Format::FileBody::Size,
+                               Format::FileBody::Path,
+                               Format::FileBody::IncludeCount,
+                               Format::FileBody::ExcludeCount};
+const PathRuleKind RegistryKind = {CategoryRegistry,
+                                   Format::RegistryBodyMagic,
+                                   WIDE("Registry Rule Body Header"),
+                                   Format::RegistryFilterMagic,
+                                   WIDE("Registry Rule Filter Header"),
+                                   FilterFields::ObjectKind,
+                                   Format::RegistryBody::Size,
+                                   Format::RegistryBody::Path,
+                                   Format::RegistryBody::IncludeCount,
+                                   Format::RegistryBody::ExcludeCount};
+const PathRuleKind ProcessKind = {CategoryProcess,
+                                  Format::ProcessBodyMagic,
+                                  WIDE("Process Rule Body Header"),
+                                  Format::ProcessFilterMagic,
+                                  WIDE("Process Rule Filter Header"),
+                                  FilterFields::FilterValue,
+                                  Format::ProcessBody::Size,
+                                  Format::ProcessBody::Path,
+                                  Format::ProcessBody::IncludeCount,
+                                  Format::ProcessBody::ExcludeCount};
+const PathRuleKind SystemKind = {CategorySystem,
+                                 Format::SystemBodyMagic,
+                                 WIDE("System Rule Body Header"),
+                                 Format::SystemFilterMagic,
+                                 WIDE("System Rule Filter Header"),
+                                 FilterFields::None,
+                                 Format::SystemBody::Size,
+                                 Format::SystemBody::Path,
+                                 Format::SystemBody::IncludeCount,
+                                 Format::SystemBody::ExcludeCount};
 
 NTSTATUS InitKindFilter(const PathRuleKind &Kind, RuleFilter *Filter, ULONG Conditions, ULONG ObjectKind) {
     switch (Kind.Fields) {
@@ -63,30 +95,32 @@ NTSTATUS LoadFilterList(const PathRuleKind &Kind, RuleFilter **List, ULONG *List
     *SizeOut = 0;
     if (Count == 0) return STATUS_SUCCESS;
     if (!PolicyFits(0, sizeof(ULONG), Available)) return STATUS_DATA_ERROR;
-    const ULONG Magic = PolicyUlong(Cursor);
+    const ULONG Magic = PolicyUlong(Cursor + Format::RuleFilter::Magic);
     if (Magic != Kind.FilterMagic) {
-        ReportPolicyRecordMismatch(Kind.FilterLabel, Magic, Kind.FilterMagic & 0xFF);
+        ReportPolicyRecordMismatch(Kind.FilterLabel, Magic, Kind.FilterMagic & Format::MagicVersionMask);
         return STATUS_INVALID_PARAMETER;
     }
     ULONG Offset = 0;
     for (ULONG Index = 0; Index < Count; ++Index) {
-        if (!PolicyFits(Offset, RuleFilterHeaderSize, Available)) return STATUS_DATA_ERROR;
+        if (!PolicyFits(Offset, Format::RuleFilter::Size, Available)) return STATUS_DATA_ERROR;
         PUCHAR Header = Cursor + Offset;
         RuleFilter *Filter = nullptr;
-        NTSTATUS Status = AppendFilter(Kind, List, ListCount, PolicyUlong(Header + 4), PolicyUlong(Header + 8), &Filter);
+        NTSTATUS Status = AppendFilter(Kind, List, ListCount, PolicyUlong(Header + Format::RuleFilter::Conditions),
+                                       PolicyUlong(Header + Format::RuleFilter::ObjectKind), &Filter);
         if (!NT_SUCCESS(Status)) return Status;
         if (Kind.Fields == FilterFields::All) {
-            Filter->AttributeMask = PolicyUlong(Header + 24);
-            Filter->SizeOperator = PolicyUlong(Header + 32);
-            Filter->SizeOperand = PolicyUlonglong(Header + 40);
+            Filter->AttributeMask = PolicyUlong(Header + Format::RuleFilter::AttributeMask);
+            Filter->SizeOperator = PolicyUlong(Header + Format::RuleFilter::SizeOperator);
+            Filter->SizeOperand = PolicyUlonglong(Header + Format::RuleFilter::SizeOperand);
         } else if (Kind.Fields == FilterFields::FilterValue) {
-            Filter->FilterValue = PolicyUshort(Header + 28);
+            Filter->FilterValue = PolicyUshort(Header + Format::RuleFilter::FilterValue);
         }
-        Filter->StartTime = DecodeTimeOfDay(PolicyUlonglong(Header + 48));
-        Filter->EndTime = DecodeTimeOfDay(PolicyUlonglong(Header + 56));
-        const ULONG Patterns = PolicyUlong(Header + 12), Actors = PolicyUlong(Header + 16),
-                    Usernames = PolicyUlong(Header + 20);
-        ULONG Consumed = RuleFilterHeaderSize, Size = 0;
+        Filter->StartTime = DecodeTimeOfDay(PolicyUlonglong(Header + Format::RuleFilter::StartTime));
+        Filter->EndTime = DecodeTimeOfDay(PolicyUlonglong(Header + Format::RuleFilter::EndTime));
+        const ULONG Patterns = PolicyUlong(Header + Format::RuleFilter::PatternCount),
+                    Actors = PolicyUlong(Header + Format::RuleFilter::ActorProcessCount),
+                    Usernames = PolicyUlong(Header + Format::RuleFilter::ActorUsernameCount);
+        ULONG Consumed = Format::RuleFilter::Size, Size = 0;
         if (Patterns != 0) {
             Status = LoadFilterPatterns(Filter, Cursor + Offset + Consumed, Patterns, Available - Offset - Consumed, &Size);
             if (!NT_SUCCESS(Status)) return Status;
@@ -176,15 +210,17 @@ NTSTATUS ParsePathRule(const PathRuleKind &Kind, Set *Target, PUCHAR Record, ULO
         // A registry rule's value name follows the path text, taking its
         // MaximumLength even when empty; only a named value gets a reference.
         if (NT_SUCCESS(Status) && Kind.Category == CategoryRegistry) {
-            if (PolicyUshort(Body + 12) != 0) {
-                Status = ReadPolicyString(Body + 12, Body + ListsOffset, Parsed.BodyAvailable - ListsOffset, FALSE,
+            PUCHAR ValueName = Body + Format::RegistryBody::ValueName;
+            if (PolicyUshort(ValueName + Format::StringHeader::Length) != 0) {
+                Status = ReadPolicyString(ValueName, Body + ListsOffset, Parsed.BodyAvailable - ListsOffset, FALSE,
                                           &Value);
-            } else if (PolicyUshort(Body + 14) > Parsed.BodyAvailable - ListsOffset) {
+            } else if (PolicyUshort(ValueName + Format::StringHeader::MaximumLength) >
+                       Parsed.BodyAvailable - ListsOffset) {
                 Status = STATUS_DATA_ERROR;
             } else {
                 Value.Buffer = (PWCH)(Body + ListsOffset);
             }
-            ListsOffset += PolicyUshort(Body + 14);
+            ListsOffset += PolicyUshort(ValueName + Format::StringHeader::MaximumLength);
         }
     }
     RuleBody *Rule = nullptr;
@@ -230,8 +266,9 @@ NTSTATUS AddMonitorFileRule(MonitorFileRuleSet *Set, ULONG RuleCategory, ULONG R
     }
     // A file rule must watch an operation that a file has; a directory rule
     // may watch one of either mask. Other types are not judged here.
-    if ((RuleType == 2 && (OperationMask & 0x1BF) == 0) ||
-        (RuleType == 3 && (OperationMask2 & 0x137) == 0 && (OperationMask & 0x1BF) == 0)) {
+    if ((RuleType == Format::FileRuleTypeFile && (OperationMask & Format::FileOperations) == 0) ||
+        (RuleType == Format::FileRuleTypeDirectory && (OperationMask2 & Format::DirectoryOperations2) == 0 &&
+         (OperationMask & Format::FileOperations) == 0)) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
@@ -255,8 +292,10 @@ NTSTATUS ParseMonitorFileRule(MonitorFileRuleSet *Set, PUCHAR Record, ULONG Reco
            FileRuleBody **Rule) {
             const PUCHAR Body = Parsed.Body;
             return AddMonitorFileRule(Target, Parsed.Category, Parsed.RuleType, Parsed.Contexts, Parsed.ContextCount,
-                                      (LONG)PolicyUlong(Body + 16), Path, PolicyUlong(Body + 28),
-                                      PolicyUlong(Body + 32), (UCHAR)PolicyUlong(Body + 4), Rule);
+                                      (LONG)PolicyUlong(Body + Format::FileBody::Depth), Path,
+                                      PolicyUlong(Body + Format::FileBody::OperationMask),
+                                      PolicyUlong(Body + Format::FileBody::OperationMask2),
+                                      (UCHAR)PolicyUlong(Body + Format::FileBody::RuleFlags), Rule);
         });
 }
 
@@ -275,12 +314,13 @@ NTSTATUS AddMonitorRegistryRule(MonitorRegistryRuleSet *Set, ULONG RuleCategory,
                                 const RuleContextEntry *Contexts, ULONG ContextCount, LONG Depth,
                                 PCUNICODE_STRING Path, PCUNICODE_STRING ValueName, ULONG OperationMask,
                                 ULONG OperationMask2, RegistryRuleBody **Rule) {
-    if (!AddArgumentsValid(Set, Contexts, ContextCount, Path, Rule) || (RuleType == 5 && ValueName == nullptr)) {
+    if (!AddArgumentsValid(Set, Contexts, ContextCount, Path, Rule) ||
+        (RuleType == Format::RegistryRuleTypeValue && ValueName == nullptr)) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
     if (Set->RuleCount >= Set->Capacity) return STATUS_BUFFER_OVERFLOW;
-    if (((OperationMask | OperationMask2) & 0xFF) == 0) {
+    if (((OperationMask | OperationMask2) & Format::RegistryOperations) == 0) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
@@ -310,8 +350,9 @@ NTSTATUS ParseMonitorRegistryRule(MonitorRegistryRuleSet *Set, PUCHAR Record, UL
            PCUNICODE_STRING Value, RegistryRuleBody **Rule) {
             const PUCHAR Body = Parsed.Body;
             return AddMonitorRegistryRule(Target, Parsed.Category, Parsed.RuleType, Parsed.Contexts,
-                                          Parsed.ContextCount, (LONG)PolicyUlong(Body + 20), Path, Value,
-                                          PolicyUlong(Body + 32), PolicyUlong(Body + 36), Rule);
+                                          Parsed.ContextCount, (LONG)PolicyUlong(Body + Format::RegistryBody::Depth),
+                                          Path, Value, PolicyUlong(Body + Format::RegistryBody::OperationMask),
+                                          PolicyUlong(Body + Format::RegistryBody::OperationMask2), Rule);
         });
 }
 
@@ -338,7 +379,7 @@ NTSTATUS AddProcessLikeRule(MonitorRuleSet<ProcessRuleBody> *Set, ULONG RuleCate
         if (IsSystem) TRACE_STATUS(STATUS_BUFFER_OVERFLOW);
         return STATUS_BUFFER_OVERFLOW;
     }
-    if ((OperationMask & (IsSystem ? 0x01 : 0x7F)) == 0) {
+    if ((OperationMask & (IsSystem ? Format::SystemOperations : Format::ProcessOperations)) == 0) {
         TRACE_STATUS(STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
@@ -361,9 +402,11 @@ NTSTATUS ParseProcessLikeRule(const PathRuleKind &Kind, Set *Target, PUCHAR Reco
         Kind, Target, Record, RecordSize,
         [IsSystem](Set *Into, const ParsedRecord &Parsed, PCUNICODE_STRING Path, PCUNICODE_STRING,
                    ProcessRuleBody **Rule) {
+            // Process and system bodies share one layout.
             const PUCHAR Body = Parsed.Body;
             return AddProcessLikeRule(Into, Parsed.Category, Parsed.RuleType, Parsed.Contexts, Parsed.ContextCount,
-                                      (LONG)PolicyUlong(Body + 12), Path, PolicyUlong(Body + 24), IsSystem, Rule);
+                                      (LONG)PolicyUlong(Body + Format::ProcessBody::Depth), Path,
+                                      PolicyUlong(Body + Format::ProcessBody::OperationMask), IsSystem, Rule);
         });
 }
 

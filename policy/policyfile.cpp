@@ -2,6 +2,8 @@
 #include "policy/policyfile.h"
 
 #include "base/strings.h"
+#include "policy/format/appblocking.h"
+#include "policy/format/monitor.h"
 
 namespace {
 
@@ -9,7 +11,11 @@ constexpr ACCESS_MASK PolicyFileAccess = 0x130089;  // FILE_GENERIC_READ | DELET
 constexpr ULONG PolicyFileShare = 1;                // FILE_SHARE_READ
 constexpr ULONG PolicyFileOptions = 0x60;           // FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT
 constexpr ULONG FilePositionClass = 14;              // FilePositionInformation
-constexpr ULONG LengthOffset = 8;
+// Every format keeps its magic word and the length of its record area in
+// the same two places.
+constexpr ULONG MagicOffset = MonitorFormat::PolicyHeader::Magic;
+constexpr ULONG LengthOffset = MonitorFormat::PolicyHeader::BodyLength;
+static_assert(AppBlockingFormat::Header::Magic == MagicOffset && AppBlockingFormat::Header::DataSize == LengthOffset);
 
 }  // namespace
 
@@ -34,7 +40,7 @@ NTSTATUS ReadPolicyFileImage(PUNICODE_STRING Path, ULONG Magic, ULONG Tag, PUCHA
     Status = ZwReadFile(File, nullptr, nullptr, nullptr, &Io, Header, sizeof(Header), nullptr, nullptr);
     if (NT_SUCCESS(Status)) {
         ULONG Found;
-        RtlCopyMemory(&Found, Header, sizeof(Found));
+        RtlCopyMemory(&Found, Header + MagicOffset, sizeof(Found));
         RtlCopyMemory(&BodyLength, Header + LengthOffset, sizeof(BodyLength));
         if (Found != Magic) {
             *FoundMagic = Found;

@@ -27,6 +27,9 @@ static inline USHORT PolicyUshort(const UCHAR *Bytes) {
 }
 static inline VOID PolicyWriteUlong(UCHAR *Bytes, ULONG Value) { RtlCopyMemory(Bytes, &Value, sizeof(Value)); }
 
+// Every format's magic words carry their record's version in the low byte.
+constexpr ULONG PolicyMagicVersionMask = 0xFF;
+
 // Whether Size bytes at Offset lie inside Available bytes.
 static inline BOOLEAN PolicyFits(ULONGLONG Offset, ULONGLONG Size, ULONG Available) {
     return Offset <= Available && Size <= Available - Offset;
@@ -53,7 +56,7 @@ NTSTATUS WalkPolicyRecords(PUCHAR Records, ULONG Length, ULONG HeadSize, ULONG M
         PUCHAR Record = Records + Offset;
         const ULONG Found = PolicyUlong(Record);
         if (Found != Magic) {
-            ReportPolicyRecordMismatch(Label, Found, Magic & 0xFF);
+            ReportPolicyRecordMismatch(Label, Found, Magic & PolicyMagicVersionMask);
             return STATUS_DATA_ERROR;
         }
         ULONG Size = 0;

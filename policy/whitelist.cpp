@@ -10,10 +10,7 @@
 
 namespace {
 
-constexpr ULONG WhiteListBodyMagic = 0x52425702;
-constexpr ULONG WhiteListFilterMagic = 0x52505701;
-constexpr ULONG WhiteListBodyFixedSize = 20;
-constexpr ULONG WhiteListFilterHeaderSize = 72;
+namespace Format = MonitorFormat;
 
 }  // namespace
 
@@ -73,9 +70,10 @@ NTSTATUS LoadWhiteListFilters(WhiteListRuleBody *Rule, PUCHAR Records, ULONG Cou
     ULONG Offset = 0;
     if (!PolicyFits(0, sizeof(ULONG), Available)) {
         Status = STATUS_DATA_ERROR;
-    } else if (PolicyUlong(Records) != WhiteListFilterMagic) {
+    } else if (PolicyUlong(Records + Format::RuleFilter::Magic) != Format::WhiteListFilterMagic) {
         // The first filter alone is tested, as in every rule family.
-        ReportPolicyRecordMismatch(WIDE("Whitelist Rule Filter Header"), PolicyUlong(Records), 1);
+        ReportPolicyRecordMismatch(WIDE("Whitelist Rule Filter Header"), PolicyUlong(Records + Format::RuleFilter::Magic),
+                                   Format::WhiteListFilterMagic & Format::MagicVersionMask);
         Status = STATUS_INVALID_PARAMETER;
     }
     for (ULONG Index = 0; NT_SUCCESS(Status) && Index < Count; ++Index) {
@@ -83,21 +81,24 @@ NTSTATUS LoadWhiteListFilters(WhiteListRuleBody *Rule, PUCHAR Records, ULONG Cou
             Status = STATUS_INVALID_PARAMETER;
             break;
         }
-        if (!PolicyFits(Offset, WhiteListFilterHeaderSize, Available)) {
+        if (!PolicyFits(Offset, Format::RuleFilter::Size, Available)) {
             Status = STATUS_DATA_ERROR;
             break;
         }
         PUCHAR Header = Records + Offset;
         RuleFilter *Filter = nullptr;
-        Status = AddWhiteListFilter(Rule, PolicyUlong(Header + 4), &Filter);
+        Status = AddWhiteListFilter(Rule, PolicyUlong(Header + Format::RuleFilter::Conditions), &Filter);
         if (!NT_SUCCESS(Status)) break;
         // Patterns, actors and usernames have no meaning for a whitelist rule.
-        if (PolicyUlong(Header + 12) != 0 || PolicyUlong(Header + 16) != 0 || PolicyUlong(Header + 20) != 0) {
+        if (PolicyUlong(Header + Format::RuleFilter::PatternCount) != 0 ||
+            PolicyUlong(Header + Format::RuleFilter::ActorProcessCount) != 0 ||
+            PolicyUlong(Header + Format::RuleFilter::ActorUsernameCount) != 0) {
             Status = STATUS_INVALID_PARAMETER;
             break;
         }
-        ULONG Consumed = WhiteListFilterHeaderSize, Size = 0;
-        const ULONG Arguments = PolicyUlong(Header + 64), Parents = PolicyUlong(Header + 68);
+        ULONG Consumed = Format::RuleFilter::Size, Size = 0;
+        const ULONG Arguments = PolicyUlong(Header + Format::RuleFilter::ArgumentCount),
+                    Parents = PolicyUlong(Header + Format::RuleFilter::ParentProcessCount);
         if (Arguments != 0) {
             Status = LoadArgumentFilters(Filter, Header + Consumed, Arguments, Available - Offset - Consumed, &Size);
             if (!NT_SUCCESS(Status)) break;
@@ -128,18 +129,19 @@ NTSTATUS ParseMonitorWhiteListRule(MonitorWhiteListRuleSet *Set, PUCHAR Record, 
     ParsedRecord Parsed;
     UNICODE_STRING Path;
     WhiteListRuleBody *Rule = nullptr;
-    NTSTATUS Status = ParseRecordHead(Record, RecordSize, WhiteListBodyMagic, WIDE("Whitelist Rule Body Header"),
-                                      WhiteListBodyFixedSize, &Parsed);
+    NTSTATUS Status = ParseRecordHead(Record, RecordSize, Format::WhiteListBodyMagic,
+                                      WIDE("Whitelist Rule Body Header"), Format::WhiteListBody::Size, &Parsed);
     if (NT_SUCCESS(Status))
-        Status = ReadPolicyString(Parsed.Body + 4, Parsed.Body + WhiteListBodyFixedSize,
-                                  Parsed.BodyAvailable - WhiteListBodyFixedSize, FALSE, &Path);
+        Status = ReadPolicyString(Parsed.Body + Format::WhiteListBody::Path, Parsed.Body + Format::WhiteListBody::Size,
+                                  Parsed.BodyAvailable - Format::WhiteListBody::Size, FALSE, &Path);
     if (NT_SUCCESS(Status))
         Status = AddMonitorWhiteListRule(Set, Parsed.Category, Parsed.RuleType, Parsed.Contexts, Parsed.ContextCount,
-                                         &Path, PolicyUlong(Parsed.Body + 16), &Rule);
+                                         &Path, PolicyUlong(Parsed.Body + Format::WhiteListBody::OperationMask), &Rule);
     if (NT_SUCCESS(Status)) {
-        const ULONG ListsOffset = WhiteListBodyFixedSize + Path.MaximumLength;
+        const ULONG ListsOffset = Format::WhiteListBody::Size + Path.MaximumLength;
         ULONG Size = 0;
-        Status = LoadWhiteListFilters(Rule, Parsed.Body + ListsOffset, PolicyUlong(Parsed.Body + 12), 0,
+        Status = LoadWhiteListFilters(Rule, Parsed.Body + ListsOffset,
+                                      PolicyUlong(Parsed.Body + Format::WhiteListBody::IncludeCount), 0,
                                       Parsed.BodyAvailable - ListsOffset, &Size);
     }
     PoolFree(Parsed.Contexts);

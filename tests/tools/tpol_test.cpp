@@ -87,6 +87,46 @@ app_blocking:
     EXPECT_THROW(tpol::Dump({1, 2, 3, 4}), std::runtime_error);
 }
 
+uint64_t Read(const tpol::Bytes &b, size_t at, int width) {
+    uint64_t v = 0;
+    for (int i = width - 1; i >= 0; --i) v = v << 8 | b.at(at + i);
+    return v;
+}
+
+// The agent's layout, worked out by hand: the writer and the parser share
+// one description of it, so only a test that knows the bytes on its own
+// notices when that description moves a field.
+TEST(Tpol, AppBlockingFieldsStandWhereTheAgentPutsThem) {
+    const auto binary = tpol::CompileText(R"(
+app_blocking:
+  flags: 0x1122334455667788
+  tag: 0x2a
+  reserved: 0x5
+  rule_count: 3
+  rules:
+    - id: 00112233445566778899aabbccddeeff
+      category: 0x9
+      type: 0x7
+      sha256: [9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08]
+)");
+    ASSERT_EQ(binary.size(), 32u + 40 + 138 + 1);
+    struct Field {
+        size_t at;
+        int width;
+        uint64_t value;
+    } fields[] = {
+        // The header.
+        {0, 4, 0x54425001}, {4, 4, tpol::Checksum(binary.data() + 32, 178)}, {8, 4, 178}, {12, 4, 5},
+        {16, 8, 0x1122334455667788}, {24, 4, 3}, {28, 4, 0x2a},
+        // The rule record, its id in the order of its bytes.
+        {32, 4, 0x42524801}, {36, 4, 178}, {40, 4, 9}, {44, 4, 7}, {48, 8, 0x7766554433221100},
+        {56, 8, 0xFFEEDDCCBBAA9988}, {64, 4, 0x42525001}, {68, 4, 1},
+        // Its one digest entry, then the byte behind the records.
+        {72, 4, 0x42465301}, {76, 4, 0}, {80, 2, '9'}, {82, 2, 'f'}, {206, 2, '8'}, {208, 2, 0}, {210, 1, 0},
+    };
+    for (const auto &f : fields) EXPECT_EQ(Read(binary, f.at, f.width), f.value) << "offset " << f.at;
+}
+
 TEST(Tpol, RuleIdsReadAsGuidsOrAsBytes) {
     uint8_t a[16], b[16];
     ASSERT_TRUE(tpol::ParseRuleId("6b1f3a52-8c0e-4f7a-9d21-0c5e7b9a3f10", a));

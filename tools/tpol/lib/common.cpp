@@ -1,5 +1,7 @@
 // What the three formats share: errors with places, checksums, rule ids,
 // file I/O, and the dispatch by top-level key or magic word.
+#include "policy/format/appblocking.h"
+#include "policy/format/monitor.h"
 #include "tpol.h"
 #include "yaml_support.h"
 
@@ -126,14 +128,12 @@ Format DetectFormat(const Bytes &binary) {
     if (binary.size() < 4) throw std::runtime_error("file is " + std::to_string(binary.size()) + " bytes: no magic word");
     uint32_t magic;
     std::memcpy(&magic, binary.data(), 4);
-    switch (magic & 0xFFFFFF00u) {
-        case 0x54425000u:
-            if (magic == 0x54425001u) return Format::AppBlocking;
-            if (magic == 0x54425003u) return Format::Monitor;
-            break;
-        case 0x54505000u:
-            return Format::Protection;
-    }
+    static_assert(AppBlockingFormat::Header::Magic == 0 && MonitorFormat::PolicyHeader::Magic == 0);
+    if (magic == AppBlockingFormat::PolicyMagic) return Format::AppBlocking;
+    if (magic == MonitorFormat::PolicyMagic) return Format::Monitor;
+    // The protection policy has no layout here yet: its magic words are
+    // known by their upper three bytes, whatever their version.
+    if ((magic & 0xFFFFFF00u) == 0x54505000u) return Format::Protection;
     char buf[64];
     std::snprintf(buf, sizeof buf, "unknown magic word 0x%08X at offset 0", magic);
     throw std::runtime_error(buf);
@@ -149,15 +149,19 @@ std::string Dump(const Bytes &binary) {
 
 void Reseal(Bytes &binary) {
     const Format format = DetectFormat(binary);
-    // Header size, and where the length of the checksummed area stands.
-    const size_t header = format == Format::AppBlocking ? 32 : 36;
+    // Header size, where the length of the checksummed area stands, and
+    // where its checksum does.
+    const bool app_blocking = format == Format::AppBlocking;
+    const size_t header = app_blocking ? AppBlockingFormat::Header::Size : MonitorFormat::PolicyHeader::Size;
+    const size_t length_at = app_blocking ? AppBlockingFormat::Header::DataSize : MonitorFormat::PolicyHeader::BodyLength;
+    const size_t sum_at = app_blocking ? AppBlockingFormat::Header::Checksum : MonitorFormat::PolicyHeader::BodyChecksum;
     Reader in{binary};
     if (!in.Has(0, header)) throw std::runtime_error("file shorter than its header");
-    const uint32_t length = in.U32(8);
+    const uint32_t length = in.U32(length_at);
     if (!in.Has(header, uint64_t(length) + 1))
         throw std::runtime_error("the checksummed area (" + std::to_string(length) + " + 1 bytes) runs past the end");
     const uint32_t sum = Checksum(binary.data() + header, length);
-    for (int i = 0; i < 4; ++i) binary[4 + i] = uint8_t(sum >> (8 * i));
+    for (int i = 0; i < 4; ++i) binary[sum_at + i] = uint8_t(sum >> (8 * i));
 }
 
 std::vector<Finding> Check(const Bytes &binary) {

@@ -1,4 +1,4 @@
-// The monitor policy format (magic 0x54425003): a 36-byte header, then one
+// The monitor policy format (policy/format/monitor.h): a header, then one
 // record per rule of the six categories, each with its contexts, its body and
 // its include and exclude filters, and one zero byte that the checksum covers.
 //
@@ -59,6 +59,7 @@
 // prints compiles to the same bytes; a file it cannot print that way is
 // refused with the offset. `check` walks the records as the loader does and
 // names what the loader refuses (errors) or takes without using (warnings).
+#include "policy/format/monitor.h"
 #include "tpol.h"
 #include "yaml_support.h"
 
@@ -73,38 +74,64 @@ namespace tpol {
 namespace detail {
 namespace {
 
-constexpr uint32_t kMagic = 0x54425003, kRuleMagic = 0x52480001, kContextMagic = 0x52434801;
-constexpr uint32_t kPatternMagic = 0x46504801, kActorProcessMagic = 0x46415001, kActorUsernameMagic = 0x46415501,
-                   kArgumentMagic = 0x46414801, kParentMagic = 0x46505001, kAddressMagic = 0x46786501,
-                   kPortMagic = 0x46787801, kRangeMagic = 0x46788201;
-constexpr uint64_t kHeaderSize = 36, kRecordFixed = 24, kContextSize = 20, kFilterSize = 72, kNetworkFilterSize = 64;
+// Every number of the file comes from the format's header, which the
+// library's parsers read the file with.
+namespace mf = MonitorFormat;
 
-enum Category : uint32_t { kSystem, kProcess, kFile, kRegistry, kWhiteList, kNetwork };
+enum Category : uint32_t {
+    kSystem = mf::CategorySystem,
+    kProcess = mf::CategoryProcess,
+    kFile = mf::CategoryFile,
+    kRegistry = mf::CategoryRegistry,
+    kWhiteList = mf::CategoryWhiteList,
+    kNetwork = mf::CategoryNetwork,
+};
 
 struct CategoryInfo {
     const char *name;
     uint32_t body_magic, filter_magic;
+    uint32_t body_size;  // the body's fixed part, before its text and filters
 };
-constexpr CategoryInfo kCategories[6] = {
-    {"system", 0x52425301, 0x52505302},   {"process", 0x52425002, 0x52504603},   {"file", 0x52424602, 0x52464602},
-    {"registry", 0x52425201, 0x52524602}, {"whitelist", 0x52425702, 0x52505701}, {"network", 0x52424E01, 0x524E4601},
+// By category number.
+constexpr CategoryInfo kCategories[mf::CategoryCount] = {
+    {"system", mf::SystemBodyMagic, mf::SystemFilterMagic, mf::SystemBody::Size},
+    {"process", mf::ProcessBodyMagic, mf::ProcessFilterMagic, mf::ProcessBody::Size},
+    {"file", mf::FileBodyMagic, mf::FileFilterMagic, mf::FileBody::Size},
+    {"registry", mf::RegistryBodyMagic, mf::RegistryFilterMagic, mf::RegistryBody::Size},
+    {"whitelist", mf::WhiteListBodyMagic, mf::WhiteListFilterMagic, mf::WhiteListBody::Size},
+    {"network", mf::NetworkBodyMagic, mf::NetworkFilterMagic, mf::NetworkBody::Size},
 };
+static_assert(kCategories[kSystem].body_magic == mf::SystemBodyMagic &&
+              kCategories[kProcess].body_magic == mf::ProcessBodyMagic &&
+              kCategories[kFile].body_magic == mf::FileBodyMagic &&
+              kCategories[kRegistry].body_magic == mf::RegistryBodyMagic &&
+              kCategories[kWhiteList].body_magic == mf::WhiteListBodyMagic &&
+              kCategories[kNetwork].body_magic == mf::NetworkBodyMagic);
 
 struct Name {
     const char *name;
     uint32_t value;
 };
-constexpr Name kRuleConditions[] = {{"object_kind", 0x1}, {"patterns", 0x2},       {"attributes", 0x4},
-                                    {"size", 0x8},        {"actor_process", 0x10}, {"actor_username", 0x20},
-                                    {"time", 0x40},       {"value", 0x8000}};
-constexpr Name kNetworkConditions[] = {{"actor_process", 0x10},  {"actor_username", 0x20},  {"time", 0x40},
-                                       {"local_address", 0x200}, {"remote_address", 0x400}, {"local_port", 0x800},
-                                       {"remote_port", 0x1000},  {"protocol", 0x2000}};
-constexpr Name kWhiteListConditions[] = {{"arguments", 0x80}, {"parents", 0x100}};
-constexpr Name kSizeOperators[] = {{">", 1}, {">=", 2}, {"==", 3}, {"<=", 4}, {"<", 5}};
-constexpr Name kLists[] = {{"none", 0}, {"fim", 1}, {"edr", 2}};
-constexpr Name kCategoryNames[] = {{"system", 0},   {"process", 1},   {"file", 2},
-                                   {"registry", 3}, {"whitelist", 4}, {"network", 5}};
+constexpr Name kRuleConditions[] = {
+    {"object_kind", mf::ConditionObjectKind},       {"patterns", mf::ConditionPatterns},
+    {"attributes", mf::ConditionAttributes},        {"size", mf::ConditionSize},
+    {"actor_process", mf::ConditionActorProcess},   {"actor_username", mf::ConditionActorUsername},
+    {"time", mf::ConditionTime},                    {"value", mf::ConditionFilterValue}};
+constexpr Name kNetworkConditions[] = {
+    {"actor_process", mf::ConditionActorProcess},   {"actor_username", mf::ConditionActorUsername},
+    {"time", mf::ConditionTime},                    {"local_address", mf::ConditionLocalAddress},
+    {"remote_address", mf::ConditionRemoteAddress}, {"local_port", mf::ConditionLocalPort},
+    {"remote_port", mf::ConditionRemotePort},       {"protocol", mf::ConditionProtocol}};
+constexpr Name kWhiteListConditions[] = {{"arguments", mf::ConditionArguments},
+                                         {"parents", mf::ConditionParentProcess}};
+constexpr Name kSizeOperators[] = {{">", mf::SizeGreater},
+                                   {">=", mf::SizeGreaterOrEqual},
+                                   {"==", mf::SizeEqual},
+                                   {"<=", mf::SizeLessOrEqual},
+                                   {"<", mf::SizeLess}};
+constexpr Name kLists[] = {{"none", mf::ListNone}, {"fim", mf::ListFim}, {"edr", mf::ListEdr}};
+constexpr Name kCategoryNames[] = {{"system", kSystem},   {"process", kProcess},     {"file", kFile},
+                                   {"registry", kRegistry}, {"whitelist", kWhiteList}, {"network", kNetwork}};
 
 std::span<const Name> ConditionNames(uint32_t category) {
     if (category == kNetwork) return kNetworkConditions;
@@ -144,7 +171,7 @@ struct Rule {
     std::optional<uint32_t> record_size;
     std::vector<Context> contexts;
     uint32_t flags = 0, operations = 0, operations2 = 0;
-    int32_t depth = -2;
+    int32_t depth = mf::DepthAny;
     Text path, value_name;
     std::vector<Filter> include, exclude;
 };
@@ -159,11 +186,15 @@ bool HasDepth(uint32_t c) { return c != kNetwork && c != kWhiteList; }
 bool HasExclude(uint32_t c) { return c != kWhiteList; }
 
 // ---- Writing ----
+//
+// Each record's fixed part is laid down as zeros and its fields patched in
+// at their offsets in the format's layout; what follows a fixed part (text,
+// entries, lists) is appended in file order.
 
-void PutHeader(Writer &out, const Text &t) {
-    out.U16(uint16_t(t.units.size() * 2));
-    out.U16(uint16_t(t.max_length));
-    out.U32(0);  // text reference: a slot the loader fills in memory
+void PutHeader(Writer &out, size_t at, const Text &t) {
+    out.PatchU16(at + mf::StringHeader::Length, uint16_t(t.units.size() * 2));
+    out.PatchU16(at + mf::StringHeader::MaximumLength, uint16_t(t.max_length));
+    // The text reference stays 0: a slot the loader fills in memory.
 }
 
 void PutText(Writer &out, const Text &t) {
@@ -173,130 +204,171 @@ void PutText(Writer &out, const Text &t) {
 
 void PutTexts(Writer &out, uint32_t magic, const std::vector<Text> &texts) {
     for (const auto &t : texts) {
-        out.U32(magic);
-        PutHeader(out, t);
+        const size_t at = out.Zeros(mf::TextRecord::Size);
+        out.PatchU32(at + mf::TextRecord::Magic, magic);
+        PutHeader(out, at + mf::TextRecord::Text, t);
         PutText(out, t);
     }
 }
 
 void PutWords(Writer &out, uint32_t magic, const std::vector<uint32_t> &words) {
-    for (uint32_t w : words) out.U32(magic), out.U32(w);
+    for (uint32_t w : words) {
+        const size_t at = out.Zeros(mf::NumberRecord::Size);
+        out.PatchU32(at + mf::NumberRecord::Magic, magic);
+        out.PatchU32(at + mf::NumberRecord::Value, w);
+    }
+}
+
+void PutRanges(Writer &out, const std::vector<std::pair<uint16_t, uint16_t>> &ranges) {
+    for (const auto &[low, high] : ranges) {
+        const size_t at = out.Zeros(mf::PortRangeRecord::Size);
+        out.PatchU32(at + mf::PortRangeRecord::Magic, mf::NetworkPortRangeMagic);
+        out.PatchU16(at + mf::PortRangeRecord::Low, low);
+        out.PatchU16(at + mf::PortRangeRecord::High, high);
+    }
 }
 
 void PutFilter(Writer &out, uint32_t category, const Filter &f) {
-    out.U32(kCategories[category].filter_magic);
-    out.U32(f.conditions);
-    out.U32(f.object_kind);
     if (category == kNetwork) {
-        out.U32(uint32_t(f.actor_processes.size()));
-        out.U32(uint32_t(f.usernames.size()));
-        for (const auto &g : f.groups) {
-            out.U32(uint32_t(g.addresses.size()));
-            out.U32(uint32_t(g.ports.size()));
-            out.U32(uint32_t(g.ranges.size()));
+        namespace nf = mf::NetworkFilter;
+        const size_t at = out.Zeros(nf::Size);
+        out.PatchU32(at + nf::Magic, mf::NetworkFilterMagic);
+        out.PatchU32(at + nf::Conditions, f.conditions);
+        out.PatchU32(at + nf::ObjectKind, f.object_kind);
+        out.PatchU32(at + nf::ActorProcessCount, uint32_t(f.actor_processes.size()));
+        out.PatchU32(at + nf::ActorUsernameCount, uint32_t(f.usernames.size()));
+        for (size_t g = 0; g < 2; ++g) {
+            const size_t counts = at + nf::Groups + g * mf::NetworkGroup::Size;
+            out.PatchU32(counts + mf::NetworkGroup::AddressCount, uint32_t(f.groups[g].addresses.size()));
+            out.PatchU32(counts + mf::NetworkGroup::PortCount, uint32_t(f.groups[g].ports.size()));
+            out.PatchU32(counts + mf::NetworkGroup::PortRangeCount, uint32_t(f.groups[g].ranges.size()));
         }
-        out.U32(0);
-        out.U64(f.start);
-        out.U64(f.end);
-        PutTexts(out, kActorProcessMagic, f.actor_processes);
-        PutWords(out, kActorUsernameMagic, f.usernames);
+        out.PatchU64(at + nf::StartTime, f.start);
+        out.PatchU64(at + nf::EndTime, f.end);
+        PutTexts(out, mf::ActorProcessMagic, f.actor_processes);
+        PutWords(out, mf::ActorUsernameMagic, f.usernames);
         for (const auto &g : f.groups) {
-            PutTexts(out, kAddressMagic, g.addresses);
-            PutWords(out, kPortMagic, g.ports);
-            for (const auto &[low, high] : g.ranges) out.U32(kRangeMagic), out.U16(low), out.U16(high);
+            PutTexts(out, mf::NetworkAddressMagic, g.addresses);
+            PutWords(out, mf::NetworkPortMagic, g.ports);
+            PutRanges(out, g.ranges);
         }
         return;
     }
-    out.U32(uint32_t(f.patterns.size()));
-    out.U32(uint32_t(f.actor_processes.size()));
-    out.U32(uint32_t(f.usernames.size()));
-    out.U32(f.attributes);
-    out.U16(f.value);
-    out.U16(0);
-    out.U32(f.size_op);
-    out.U32(0);
-    out.U64(f.size_value);
-    out.U64(f.start);
-    out.U64(f.end);
-    out.U32(uint32_t(f.arguments.size()));
-    out.U32(uint32_t(f.parents.size()));
-    PutTexts(out, kPatternMagic, f.patterns);
-    PutTexts(out, kActorProcessMagic, f.actor_processes);
-    PutWords(out, kActorUsernameMagic, f.usernames);
-    PutTexts(out, kArgumentMagic, f.arguments);
-    PutTexts(out, kParentMagic, f.parents);
+    namespace rf = mf::RuleFilter;
+    const size_t at = out.Zeros(rf::Size);
+    out.PatchU32(at + rf::Magic, kCategories[category].filter_magic);
+    out.PatchU32(at + rf::Conditions, f.conditions);
+    out.PatchU32(at + rf::ObjectKind, f.object_kind);
+    out.PatchU32(at + rf::PatternCount, uint32_t(f.patterns.size()));
+    out.PatchU32(at + rf::ActorProcessCount, uint32_t(f.actor_processes.size()));
+    out.PatchU32(at + rf::ActorUsernameCount, uint32_t(f.usernames.size()));
+    out.PatchU32(at + rf::AttributeMask, f.attributes);
+    out.PatchU16(at + rf::FilterValue, f.value);
+    out.PatchU32(at + rf::SizeOperator, f.size_op);
+    out.PatchU64(at + rf::SizeOperand, f.size_value);
+    out.PatchU64(at + rf::StartTime, f.start);
+    out.PatchU64(at + rf::EndTime, f.end);
+    out.PatchU32(at + rf::ArgumentCount, uint32_t(f.arguments.size()));
+    out.PatchU32(at + rf::ParentProcessCount, uint32_t(f.parents.size()));
+    PutTexts(out, mf::PatternMagic, f.patterns);
+    PutTexts(out, mf::ActorProcessMagic, f.actor_processes);
+    PutWords(out, mf::ActorUsernameMagic, f.usernames);
+    PutTexts(out, mf::ArgumentMagic, f.arguments);
+    PutTexts(out, mf::ParentProcessMagic, f.parents);
 }
 
 void PutRule(Writer &out, const Rule &r) {
-    const size_t start = out.Size();
-    out.U32(kRuleMagic);
-    out.U32(0);  // RecordSize, below
-    out.U32(r.category);
-    out.U32(r.type);
-    out.U32(kContextMagic);
-    out.U32(uint32_t(r.contexts.size()));
+    const size_t start = out.Zeros(mf::RuleRecord::Size);
+    out.PatchU32(start + mf::RuleRecord::Magic, mf::RuleMagic);
+    // RecordSize, below
+    out.PatchU32(start + mf::RuleRecord::RuleCategory, r.category);
+    out.PatchU32(start + mf::RuleRecord::RuleType, r.type);
+    out.PatchU32(start + mf::RuleRecord::Contexts + mf::ContextHeader::Magic, mf::ContextMagic);
+    out.PatchU32(start + mf::RuleRecord::ContextCount, uint32_t(r.contexts.size()));
     for (const auto &c : r.contexts) {
-        out.U32(c.list);
-        out.Raw(c.id, 16);
+        const size_t entry = out.Zeros(mf::ContextEntry::Size);
+        out.PatchU32(entry + mf::ContextEntry::RuleList, c.list);
+        out.PatchRaw(entry + mf::ContextEntry::RuleId, c.id, sizeof c.id);
     }
     const uint32_t includes = uint32_t(r.include.size()), excludes = uint32_t(r.exclude.size());
-    out.U32(kCategories[r.category].body_magic);
+    const size_t body = out.Zeros(kCategories[r.category].body_size);
     switch (r.category) {
-        case kFile:
-            out.U32(r.flags);
-            PutHeader(out, r.path);
-            out.U32(uint32_t(r.depth));
-            out.U32(includes), out.U32(excludes);
-            out.U32(r.operations), out.U32(r.operations2);
+        case kFile: {
+            namespace b = mf::FileBody;
+            out.PatchU32(body + b::Magic, mf::FileBodyMagic);
+            out.PatchU32(body + b::RuleFlags, r.flags);
+            PutHeader(out, body + b::Path, r.path);
+            out.PatchU32(body + b::Depth, uint32_t(r.depth));
+            out.PatchU32(body + b::IncludeCount, includes);
+            out.PatchU32(body + b::ExcludeCount, excludes);
+            out.PatchU32(body + b::OperationMask, r.operations);
+            out.PatchU32(body + b::OperationMask2, r.operations2);
             PutText(out, r.path);
             break;
-        case kRegistry:
-            PutHeader(out, r.path);
-            PutHeader(out, r.value_name);
-            out.U32(uint32_t(r.depth));
-            out.U32(includes), out.U32(excludes);
-            out.U32(r.operations), out.U32(r.operations2);
+        }
+        case kRegistry: {
+            namespace b = mf::RegistryBody;
+            out.PatchU32(body + b::Magic, mf::RegistryBodyMagic);
+            PutHeader(out, body + b::Path, r.path);
+            PutHeader(out, body + b::ValueName, r.value_name);
+            out.PatchU32(body + b::Depth, uint32_t(r.depth));
+            out.PatchU32(body + b::IncludeCount, includes);
+            out.PatchU32(body + b::ExcludeCount, excludes);
+            out.PatchU32(body + b::OperationMask, r.operations);
+            out.PatchU32(body + b::OperationMask2, r.operations2);
             PutText(out, r.path);
             PutText(out, r.value_name);
             break;
+        }
         case kProcess:
-        case kSystem:
-            PutHeader(out, r.path);
-            out.U32(uint32_t(r.depth));
-            out.U32(includes), out.U32(excludes);
-            out.U32(r.operations);
+        case kSystem: {
+            // One layout for both.
+            namespace b = mf::ProcessBody;
+            out.PatchU32(body + b::Magic, kCategories[r.category].body_magic);
+            PutHeader(out, body + b::Path, r.path);
+            out.PatchU32(body + b::Depth, uint32_t(r.depth));
+            out.PatchU32(body + b::IncludeCount, includes);
+            out.PatchU32(body + b::ExcludeCount, excludes);
+            out.PatchU32(body + b::OperationMask, r.operations);
             PutText(out, r.path);
             break;
-        case kWhiteList:
-            PutHeader(out, r.path);
-            out.U32(includes);
-            out.U32(r.operations);
+        }
+        case kWhiteList: {
+            namespace b = mf::WhiteListBody;
+            out.PatchU32(body + b::Magic, mf::WhiteListBodyMagic);
+            PutHeader(out, body + b::Path, r.path);
+            out.PatchU32(body + b::IncludeCount, includes);
+            out.PatchU32(body + b::OperationMask, r.operations);
             PutText(out, r.path);
             break;
-        case kNetwork:
-            out.U32(includes), out.U32(excludes);
-            out.U32(r.operations);
+        }
+        case kNetwork: {
+            namespace b = mf::NetworkBody;
+            out.PatchU32(body + b::Magic, mf::NetworkBodyMagic);
+            out.PatchU32(body + b::IncludeCount, includes);
+            out.PatchU32(body + b::ExcludeCount, excludes);
+            out.PatchU32(body + b::OperationMask, r.operations);
             break;
+        }
     }
     for (const auto &f : r.include) PutFilter(out, r.category, f);
     for (const auto &f : r.exclude) PutFilter(out, r.category, f);
-    out.PatchU32(start + 4, r.record_size ? *r.record_size : uint32_t(out.Size() - start));
+    out.PatchU32(start + mf::RuleRecord::RecordSize, r.record_size ? *r.record_size : uint32_t(out.Size() - start));
 }
 
 Bytes Encode(const Policy &p) {
+    namespace h = mf::PolicyHeader;
     Writer out;
-    out.U32(kMagic);
-    out.U32(0);  // checksum, below
-    out.U32(0);  // BodyLength, below
-    for (int i = 0; i < 4; ++i) out.U32(0);
-    out.U32(p.whitelist_capacity);
-    out.U32(0);
+    out.Zeros(h::Size);
+    out.PatchU32(h::Magic, mf::PolicyMagic);
+    // The checksum and BodyLength, below; the reserved words stay 0.
+    out.PatchU32(h::WhiteListRuleCapacity, p.whitelist_capacity);
     for (const auto &r : p.rules) PutRule(out, r);
-    const uint32_t body_length = uint32_t(out.Size() - kHeaderSize);
+    const uint32_t body_length = uint32_t(out.Size() - h::Size);
     // The checksum covers the byte behind the records too: it is written.
     out.U8(0);
-    out.PatchU32(8, body_length);
-    out.PatchU32(4, Checksum(out.bytes.data() + kHeaderSize, body_length));
+    out.PatchU32(h::BodyLength, body_length);
+    out.PatchU32(h::BodyChecksum, Checksum(out.bytes.data() + h::Size, body_length));
     return out.bytes;
 }
 
@@ -421,16 +493,17 @@ private:
         const std::string &text = node.Scalar();
         uint64_t word = 0;
         size_t pos = 0;
+        constexpr uint32_t kShifts[3] = {mf::TimeHourShift, mf::TimeMinuteShift, mf::TimeSecondShift};
         for (int part = 0; part < 3; ++part) {
             size_t digits = 0;
             unsigned value = 0;
             while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9' && digits < 3)
                 value = value * 10 + unsigned(text[pos++] - '0'), ++digits;
-            if (digits == 0 || value > 255 ||
+            if (digits == 0 || value > mf::TimePartMask ||
                 (part < 2 ? pos >= text.size() || text[pos++] != ':' : pos != text.size()))
                 source_.Fail(node, std::string("time ") + key +
                                        " must be HH:MM:SS (each part at most 255) or a number, not '" + text + "'");
-            word |= uint64_t(value) << (8 * (2 - part));  // byte 0 seconds, byte 1 minutes, byte 2 hours
+            word |= uint64_t(value) << kShifts[part];
         }
         return word;
     }
@@ -494,10 +567,10 @@ private:
             if (node[key]) implied |= bit;
             return bool(node[key]);
         };
-        present("actor_processes", 0x10);
-        present("actor_usernames", 0x20);
+        present("actor_processes", mf::ConditionActorProcess);
+        present("actor_usernames", mf::ConditionActorUsername);
         if (const YAML::Node time = node["time"]) {
-            implied |= 0x40;
+            implied |= mf::ConditionTime;
             source_.ExpectMap(time, "time");
             source_.AllowKeys(time, {"start", "end"}, "time");
             f.start = Time(time, "start");
@@ -506,25 +579,27 @@ private:
         f.actor_processes = Texts(node, "actor_processes");
         f.usernames = Words(node, "actor_usernames");
         if (category == kNetwork) {
-            if (present("protocol", 0x2000))
+            if (present("protocol", mf::ConditionProtocol))
                 f.object_kind = uint32_t(source_.Number(node["protocol"], "protocol", UINT32_MAX));
-            ReadGroup(node["local"], "local", f.groups[0], 0x200, 0x800, implied);
-            ReadGroup(node["remote"], "remote", f.groups[1], 0x400, 0x1000, implied);
+            ReadGroup(node["local"], "local", f.groups[0], mf::ConditionLocalAddress, mf::ConditionLocalPort, implied);
+            ReadGroup(node["remote"], "remote", f.groups[1], mf::ConditionRemoteAddress, mf::ConditionRemotePort,
+                      implied);
         } else if (category == kWhiteList) {
-            present("arguments", 0x80);
-            present("parents", 0x100);
+            present("arguments", mf::ConditionArguments);
+            present("parents", mf::ConditionParentProcess);
             f.arguments = Texts(node, "arguments");
             f.parents = Texts(node, "parents");
         } else {
-            present("patterns", 0x2);
+            present("patterns", mf::ConditionPatterns);
             f.patterns = Texts(node, "patterns");
-            if (present("object_kind", 0x1))
+            if (present("object_kind", mf::ConditionObjectKind))
                 f.object_kind = uint32_t(source_.Number(node["object_kind"], "object_kind", UINT32_MAX));
-            if (present("attributes", 0x4))
+            if (present("attributes", mf::ConditionAttributes))
                 f.attributes = uint32_t(source_.Number(node["attributes"], "attributes", UINT32_MAX));
-            if (present("value", 0x8000)) f.value = uint16_t(source_.Number(node["value"], "value", 0xFFFF));
+            if (present("value", mf::ConditionFilterValue))
+                f.value = uint16_t(source_.Number(node["value"], "value", 0xFFFF));
             if (const YAML::Node size = node["size"]) {
-                implied |= 0x8;
+                implied |= mf::ConditionSize;
                 source_.ExpectMap(size, "size");
                 source_.AllowKeys(size, {"op", "value"}, "size");
                 f.size_op = Named(source_.Required(size, "op", "size"), kSizeOperators, "size op");
@@ -582,7 +657,9 @@ private:
                 break;
         }
         r.type = uint32_t(source_.Number(source_.Required(node, "type", what), "type", UINT32_MAX));
-        const uint32_t list = node["list"] ? Named(node["list"], kLists, "list") : r.category == kWhiteList ? 0 : 2;
+        const uint32_t list = node["list"]                ? Named(node["list"], kLists, "list")
+                              : r.category == kWhiteList ? mf::ListNone
+                                                         : mf::ListEdr;
         const YAML::Node contexts = source_.Required(node, "contexts", what);
         if (!contexts.IsSequence()) source_.Fail(contexts, "contexts must be a list");
         if (contexts.size() == 0 && node["list"])
@@ -614,7 +691,7 @@ private:
     }
 
     int32_t Depth(const YAML::Node &node) const {
-        if (node.IsScalar() && node.Scalar() == "any") return -2;
+        if (node.IsScalar() && node.Scalar() == "any") return mf::DepthAny;
         const std::string text = node.IsScalar() ? node.Scalar() : "";
         const bool negative = !text.empty() && text[0] == '-';
         const std::string magnitude = negative ? text.substr(1) : text;
@@ -650,48 +727,55 @@ public:
     std::vector<Finding> findings;
 
     Policy Read() {
+        namespace h = mf::PolicyHeader;
+        namespace rr = mf::RuleRecord;
         Policy p;
-        if (!in_.Has(0, kHeaderSize)) {
-            Error(0, "file is " + Num(bytes_.size()) + " bytes, shorter than the 36-byte header");
+        if (!in_.Has(0, h::Size)) {
+            Error(0, "file is " + Num(bytes_.size()) + " bytes, shorter than the " + Num(h::Size) + "-byte header");
             return p;
         }
-        if (in_.U32(0) != kMagic) Error(0, "magic " + Hex(in_.U32(0)) + ", expected " + Hex(kMagic));
-        const uint32_t body_length = in_.U32(8);
-        if (!in_.Has(kHeaderSize, uint64_t(body_length) + 1)) {
-            Error(8, "BodyLength " + Num(body_length) + " needs a file of " + Num(kHeaderSize + body_length + 1) +
-                         " bytes; the file has " + Num(bytes_.size()));
+        if (in_.U32(h::Magic) != mf::PolicyMagic)
+            Error(h::Magic, "magic " + Hex(in_.U32(h::Magic)) + ", expected " + Hex(mf::PolicyMagic));
+        const uint32_t body_length = in_.U32(h::BodyLength);
+        if (!in_.Has(h::Size, uint64_t(body_length) + 1)) {
+            Error(h::BodyLength, "BodyLength " + Num(body_length) + " needs a file of " +
+                                     Num(uint64_t(h::Size) + body_length + 1) + " bytes; the file has " +
+                                     Num(bytes_.size()));
             return p;
         }
-        const uint32_t sum = Checksum(bytes_.data() + kHeaderSize, body_length);
-        if (sum != in_.U32(4))
-            Error(4, "checksum " + Hex(in_.U32(4)) + " does not match the records (" + Hex(sum) + ")");
-        if (dumping_ && (bytes_.size() != kHeaderSize + body_length + 1 || bytes_[kHeaderSize + body_length] != 0))
-            Error(kHeaderSize + body_length, "the file does not end with the single zero byte a writer adds");
-        p.whitelist_capacity = in_.U32(28);
-        const uint64_t end = kHeaderSize + body_length;
+        const uint32_t sum = Checksum(bytes_.data() + h::Size, body_length);
+        if (sum != in_.U32(h::BodyChecksum))
+            Error(h::BodyChecksum,
+                  "checksum " + Hex(in_.U32(h::BodyChecksum)) + " does not match the records (" + Hex(sum) + ")");
+        const uint64_t end = uint64_t(h::Size) + body_length;
+        if (dumping_ && (bytes_.size() != end + 1 || bytes_[end] != 0))
+            Error(end, "the file does not end with the single zero byte a writer adds");
+        p.whitelist_capacity = in_.U32(h::WhiteListRuleCapacity);
         past_ = dumping_ ? "BodyLength" : "the end of the record";
         uint32_t whitelist_rules = 0;
-        for (uint64_t at = kHeaderSize; at < end;) {
-            if (end - at < kRecordFixed) {
-                Error(at, "a record's fixed 24 bytes run past BodyLength");
+        for (uint64_t at = h::Size; at < end;) {
+            if (end - at < rr::Size) {
+                Error(at, "a record's fixed " + Num(rr::Size) + " bytes run past BodyLength");
                 break;
             }
-            if (in_.U32(at) != kRuleMagic) {
-                Error(at, "rule magic " + Hex(in_.U32(at)) + ", expected " + Hex(kRuleMagic));
+            if (in_.U32(at + rr::Magic) != mf::RuleMagic) {
+                Error(at, "rule magic " + Hex(in_.U32(at + rr::Magic)) + ", expected " + Hex(mf::RuleMagic));
                 break;
             }
-            const uint32_t record_size = in_.U32(at + 4), category = in_.U32(at + 8);
+            const uint32_t record_size = in_.U32(at + rr::RecordSize), category = in_.U32(at + rr::RuleCategory);
             if (!dumping_ && record_size == 0) {
-                Error(at + 4, "RecordSize 0: the loader's walk never ends");
+                Error(at + rr::RecordSize, "RecordSize 0: the loader's walk never ends");
                 break;
             }
             const bool size_fits = record_size <= end - at;
-            if (!dumping_ && !size_fits) Error(at + 4, "RecordSize " + Num(record_size) + " runs past BodyLength");
+            if (!dumping_ && !size_fits)
+                Error(at + rr::RecordSize, "RecordSize " + Num(record_size) + " runs past BodyLength");
             Rule rule;
             uint64_t contents_end = 0;
             try {
                 if (category > kNetwork)
-                    Fatal(at + 8, "RuleCategory " + Num(category) + ": the loader refuses anything above 5");
+                    Fatal(at + rr::RuleCategory,
+                          "RuleCategory " + Num(category) + ": the loader refuses anything above " + Num(kNetwork));
                 if (category == kWhiteList && ++whitelist_rules > p.whitelist_capacity)
                     Refused(at, p.whitelist_capacity == 0
                                     ? "a whitelist rule, and WhiteListRuleCapacity is 0: the loader refuses the policy"
@@ -756,14 +840,15 @@ private:
     // A string header at `header` with its text at `text`. The loader looks
     // at the text of an empty value name only when its Length is not 0.
     Text String(uint64_t header, uint64_t text, uint64_t limit, bool always_read = true) {
-        const uint32_t length = in_.U16(header), max = in_.U16(header + 2);
-        Need(text, max, limit, header + 2, "MaximumLength " + Num(max));
+        const uint64_t max_at = header + mf::StringHeader::MaximumLength;
+        const uint32_t length = in_.U16(header + mf::StringHeader::Length), max = in_.U16(max_at);
+        Need(text, max, limit, max_at, "MaximumLength " + Num(max));
         Text t;
         t.max_length = max;
         t.at = text;
         const uint32_t nul = (length + 1) & ~1u;  // the first whole character behind the text
         if (max < length)
-            Error(header + 2, "MaximumLength " + Num(max) + " is less than Length " + Num(length));
+            Error(max_at, "MaximumLength " + Num(max) + " is less than Length " + Num(length));
         else if ((always_read || length) && (max < nul + 2 || in_.U16(text + nul) != 0))
             Error(header,
                   "the text of Length " + Num(length) + " has no NUL behind it within MaximumLength " + Num(max));
@@ -777,35 +862,55 @@ private:
 
     std::vector<Text> Texts(uint64_t &cursor, uint64_t limit, uint32_t count, uint64_t count_at, const char *count_name,
                             uint32_t magic, const char *kind) {
+        namespace tr = mf::TextRecord;
         std::vector<Text> texts;
         for (uint32_t i = 0; i < count; ++i) {
-            Need(cursor, 12, limit, count_at, std::string(count_name) + " " + Num(count));
-            Magic(cursor, magic, kind);
-            texts.push_back(String(cursor + 4, cursor + 12, limit));
-            cursor += 12 + texts.back().max_length;
+            Need(cursor, tr::Size, limit, count_at, std::string(count_name) + " " + Num(count));
+            Magic(cursor + tr::Magic, magic, kind);
+            texts.push_back(String(cursor + tr::Text, cursor + tr::Size, limit));
+            cursor += tr::Size + texts.back().max_length;
         }
         return texts;
     }
 
     std::vector<uint32_t> Words(uint64_t &cursor, uint64_t limit, uint32_t count, uint64_t count_at,
                                 const char *count_name, uint32_t magic, const char *kind) {
+        namespace nr = mf::NumberRecord;
         std::vector<uint32_t> words;
         for (uint32_t i = 0; i < count; ++i) {
-            Need(cursor, 8, limit, count_at, std::string(count_name) + " " + Num(count));
-            Magic(cursor, magic, kind);
-            words.push_back(U32(cursor + 4));
-            cursor += 8;
+            Need(cursor, nr::Size, limit, count_at, std::string(count_name) + " " + Num(count));
+            Magic(cursor + nr::Magic, magic, kind);
+            words.push_back(U32(cursor + nr::Value));
+            cursor += nr::Size;
         }
         return words;
     }
 
+    std::vector<std::pair<uint16_t, uint16_t>> Ranges(uint64_t &cursor, uint64_t limit, uint32_t count,
+                                                      uint64_t count_at, const char *count_name) {
+        namespace pr = mf::PortRangeRecord;
+        std::vector<std::pair<uint16_t, uint16_t>> ranges;
+        for (uint32_t i = 0; i < count; ++i) {
+            Need(cursor, pr::Size, limit, count_at, std::string(count_name) + " " + Num(count));
+            Magic(cursor + pr::Magic, mf::NetworkPortRangeMagic, "network port range record");
+            ranges.emplace_back(in_.U16(cursor + pr::Low), in_.U16(cursor + pr::High));
+            cursor += pr::Size;
+        }
+        return ranges;
+    }
+
     Filter ReadFilter(uint64_t &cursor, uint64_t limit, uint32_t category, bool first, uint64_t count_at,
                       const std::string &count_text) {
+        namespace rf = mf::RuleFilter;
+        namespace nf = mf::NetworkFilter;
+        static_assert(rf::Magic == nf::Magic && rf::Conditions == nf::Conditions && rf::ObjectKind == nf::ObjectKind &&
+                      rf::StartTime == nf::StartTime && rf::EndTime == nf::EndTime);
         const uint64_t at = cursor;
         const bool network = category == kNetwork;
-        Need(at, network ? kNetworkFilterSize : kFilterSize, limit, count_at, count_text);
+        const uint32_t size = network ? nf::Size : rf::Size;
+        Need(at, size, limit, count_at, count_text);
         const std::string name = kCategories[category].name;
-        const uint32_t magic = U32(at), expected = kCategories[category].filter_magic;
+        const uint32_t magic = U32(at + rf::Magic), expected = kCategories[category].filter_magic;
         if (magic != expected) {
             const std::string m = name + " filter magic " + Hex(magic) + ", expected " + Hex(expected);
             if (first) {
@@ -816,62 +921,69 @@ private:
             }
         }
         Filter f;
-        f.conditions = U32(at + 4);
-        f.object_kind = U32(at + 8);
-        f.start = in_.U64(at + 48);
-        f.end = in_.U64(at + 56);
-        if ((f.conditions & 0xFFFF) == 0)
-            Refused(at + 4,
+        f.conditions = U32(at + rf::Conditions);
+        f.object_kind = U32(at + rf::ObjectKind);
+        f.start = in_.U64(at + rf::StartTime);
+        f.end = in_.U64(at + rf::EndTime);
+        if ((f.conditions & mf::FilterConditions) == 0)
+            Refused(at + rf::Conditions,
                     "Conditions " + Hex(f.conditions) + " has none of the low 16 bits: the loader refuses the filter");
-        if (category == kFile && (f.conditions & 0x1) && (f.object_kind & 0xFF) == 0)
-            Refused(at + 8,
+        if (category == kFile && (f.conditions & mf::ConditionObjectKind) && (f.object_kind & mf::ObjectKindMask) == 0)
+            Refused(at + rf::ObjectKind,
                     "Conditions ask for the object kind, and the low byte of ObjectKind is 0: the loader refuses the "
                     "filter");
-        cursor = at + (network ? kNetworkFilterSize : kFilterSize);
+        cursor = at + size;
+        // The lists, in the order they follow the header.
+        auto texts = [&](uint32_t count_offset, const char *count_name, uint32_t list_magic, const char *kind) {
+            return Texts(cursor, limit, U32(at + count_offset), at + count_offset, count_name, list_magic, kind);
+        };
+        auto words = [&](uint32_t count_offset, const char *count_name, uint32_t list_magic, const char *kind) {
+            return Words(cursor, limit, U32(at + count_offset), at + count_offset, count_name, list_magic, kind);
+        };
         if (network) {
-            f.actor_processes = Texts(cursor, limit, U32(at + 12), at + 12, "ActorProcessCount", kActorProcessMagic,
-                                      "actor process record");
-            f.usernames = Words(cursor, limit, U32(at + 16), at + 16, "ActorUsernameCount", kActorUsernameMagic,
-                                "actor username record");
-            for (int g = 0; g < 2; ++g) {
-                const uint64_t counts = at + 20 + 12 * g;
+            f.actor_processes =
+                texts(nf::ActorProcessCount, "ActorProcessCount", mf::ActorProcessMagic, "actor process record");
+            f.usernames =
+                words(nf::ActorUsernameCount, "ActorUsernameCount", mf::ActorUsernameMagic, "actor username record");
+            for (uint32_t g = 0; g < 2; ++g) {
+                const uint32_t counts = nf::Groups + g * mf::NetworkGroup::Size;
                 auto &group = f.groups[g];
-                group.addresses = Texts(cursor, limit, U32(counts), counts,
-                                        g ? "address count of group 1" : "address count of group 0", kAddressMagic,
-                                        "network address record");
-                group.ports =
-                    Words(cursor, limit, U32(counts + 4), counts + 4,
-                          g ? "port count of group 1" : "port count of group 0", kPortMagic, "network port record");
-                for (const uint32_t w : Words(cursor, limit, U32(counts + 8), counts + 8,
-                                              g ? "port range count of group 1" : "port range count of group 0",
-                                              kRangeMagic, "network port range record"))
-                    group.ranges.emplace_back(uint16_t(w), uint16_t(w >> 16));
+                group.addresses = texts(counts + mf::NetworkGroup::AddressCount,
+                                        g ? "address count of group 1" : "address count of group 0",
+                                        mf::NetworkAddressMagic, "network address record");
+                group.ports = words(counts + mf::NetworkGroup::PortCount,
+                                    g ? "port count of group 1" : "port count of group 0", mf::NetworkPortMagic,
+                                    "network port record");
+                const uint64_t ranges_at = at + counts + mf::NetworkGroup::PortRangeCount;
+                group.ranges = Ranges(cursor, limit, U32(ranges_at), ranges_at,
+                                      g ? "port range count of group 1" : "port range count of group 0");
             }
             return f;
         }
-        f.attributes = U32(at + 24);
-        f.value = in_.U16(at + 28);
-        f.size_op = U32(at + 32);
-        f.size_value = in_.U64(at + 40);
+        f.attributes = U32(at + rf::AttributeMask);
+        f.value = in_.U16(at + rf::FilterValue);
+        f.size_op = U32(at + rf::SizeOperator);
+        f.size_value = in_.U64(at + rf::SizeOperand);
         if (category == kWhiteList) {
-            const char *names[3] = {"FilterPatternCount", "ActorProcessCount", "ActorUsernameCount"};
-            for (int k = 0; k < 3; ++k)
-                if (U32(at + 12 + 4 * k) != 0)
-                    Fatal(at + 12 + 4 * k,
-                          std::string(names[k]) + " " + Num(U32(at + 12 + 4 * k)) +
-                              " in a whitelist filter: the loader refuses pattern and actor lists there");
-            f.arguments =
-                Texts(cursor, limit, U32(at + 64), at + 64, "ArgumentCount", kArgumentMagic, "argument record");
-            f.parents = Texts(cursor, limit, U32(at + 68), at + 68, "ParentProcessCount", kParentMagic,
+            const struct {
+                uint32_t offset;
+                const char *name;
+            } unused[3] = {{rf::PatternCount, "FilterPatternCount"},
+                           {rf::ActorProcessCount, "ActorProcessCount"},
+                           {rf::ActorUsernameCount, "ActorUsernameCount"}};
+            for (const auto &u : unused)
+                if (U32(at + u.offset) != 0)
+                    Fatal(at + u.offset, std::string(u.name) + " " + Num(U32(at + u.offset)) +
+                                             " in a whitelist filter: the loader refuses pattern and actor lists there");
+            f.arguments = texts(rf::ArgumentCount, "ArgumentCount", mf::ArgumentMagic, "argument record");
+            f.parents = texts(rf::ParentProcessCount, "ParentProcessCount", mf::ParentProcessMagic,
                               "parent process record");
             return f;
         }
-        f.patterns =
-            Texts(cursor, limit, U32(at + 12), at + 12, "FilterPatternCount", kPatternMagic, "filter pattern record");
-        f.actor_processes = Texts(cursor, limit, U32(at + 16), at + 16, "ActorProcessCount", kActorProcessMagic,
-                                  "actor process record");
-        f.usernames = Words(cursor, limit, U32(at + 20), at + 20, "ActorUsernameCount", kActorUsernameMagic,
-                            "actor username record");
+        f.patterns = texts(rf::PatternCount, "FilterPatternCount", mf::PatternMagic, "filter pattern record");
+        f.actor_processes =
+            texts(rf::ActorProcessCount, "ActorProcessCount", mf::ActorProcessMagic, "actor process record");
+        f.usernames = words(rf::ActorUsernameCount, "ActorUsernameCount", mf::ActorUsernameMagic, "actor username record");
         return f;
     }
 
@@ -885,93 +997,120 @@ private:
 
     // Reads the record at `at`, not past `limit`; gives the end of what it holds.
     uint64_t ReadRule(uint64_t at, uint64_t limit, Rule &r) {
-        r.category = U32(at + 8);
-        r.type = U32(at + 12);
-        if (U32(at + 16) != kContextMagic)
-            Fatal(at + 16, "RuleContext magic " + Hex(U32(at + 16)) + ", expected " + Hex(kContextMagic));
-        const uint32_t count = U32(at + 20);
-        if (count == 0) Refused(at + 20, "context count 0: the parser refuses a rule without a context");
-        uint64_t cursor = at + kRecordFixed;
+        namespace rr = mf::RuleRecord;
+        const uint64_t context_magic_at = at + rr::Contexts + mf::ContextHeader::Magic, count_at = at + rr::ContextCount;
+        r.category = U32(at + rr::RuleCategory);
+        r.type = U32(at + rr::RuleType);
+        if (U32(context_magic_at) != mf::ContextMagic)
+            Fatal(context_magic_at,
+                  "RuleContext magic " + Hex(U32(context_magic_at)) + ", expected " + Hex(mf::ContextMagic));
+        const uint32_t count = U32(count_at);
+        if (count == 0) Refused(count_at, "context count 0: the parser refuses a rule without a context");
+        uint64_t cursor = at + rr::Size;
         for (uint32_t i = 0; i < count; ++i) {
-            Need(cursor, kContextSize, limit, at + 20, "context count " + Num(count));
+            Need(cursor, mf::ContextEntry::Size, limit, count_at, "context count " + Num(count));
             Context c;
-            c.list = U32(cursor);
-            std::copy(bytes_.begin() + int64_t(cursor) + 4, bytes_.begin() + int64_t(cursor) + 20, c.id);
+            c.list = U32(cursor + mf::ContextEntry::RuleList);
+            const auto id = bytes_.begin() + int64_t(cursor + mf::ContextEntry::RuleId);
+            std::copy(id, id + sizeof c.id, c.id);
             r.contexts.push_back(c);
-            cursor += kContextSize;
+            cursor += mf::ContextEntry::Size;
         }
-        if (count && r.category != kWhiteList && r.contexts[0].list != 1 && r.contexts[0].list != 2)
-            Warn(at + 24, "RuleList " + Num(r.contexts[0].list) +
-                              " is neither FIM (1) nor EDR (2): both list passes skip the rule");
+        if (count && r.category != kWhiteList && r.contexts[0].list != mf::ListFim && r.contexts[0].list != mf::ListEdr)
+            Warn(at + rr::FirstRuleList, "RuleList " + Num(r.contexts[0].list) + " is neither FIM (" +
+                                             Num(mf::ListFim) + ") nor EDR (" + Num(mf::ListEdr) +
+                                             "): both list passes skip the rule");
 
         const uint64_t body = cursor;
         const std::string name = kCategories[r.category].name;
-        constexpr uint64_t kFixed[6] = {28, 28, 36, 40, 20, 16};
-        Need(body, kFixed[r.category], limit, body, "the " + name + " rule body");
+        Need(body, kCategories[r.category].body_size, limit, body, "the " + name + " rule body");
+        // Every body has its magic first.
+        static_assert(mf::FileBody::Magic == 0 && mf::RegistryBody::Magic == 0 && mf::ProcessBody::Magic == 0 &&
+                      mf::WhiteListBody::Magic == 0 && mf::NetworkBody::Magic == 0);
         if (U32(body) != kCategories[r.category].body_magic)
             Fatal(body, name + " rule body magic " + Hex(U32(body)) + ", expected " +
                             Hex(kCategories[r.category].body_magic));
+        const uint64_t type_at = at + rr::RuleType;
         uint64_t includes_at = 0, excludes_at = 0;
         switch (r.category) {
-            case kFile:
-                r.flags = U32(body + 4);
-                r.depth = int32_t(U32(body + 16));
-                includes_at = body + 20, excludes_at = body + 24;
-                r.operations = U32(body + 28), r.operations2 = U32(body + 32);
-                r.path = String(body + 8, body + 36, limit);
-                cursor = body + 36 + r.path.max_length;
-                if (r.type == 2 && !(r.operations & 0x1BF))
-                    Refused(body + 28,
-                            "a file rule of type 2 needs a bit of 0x1BF in OperationMask " + Hex(r.operations));
-                else if (r.type == 3 && !(r.operations & 0x1BF) && !(r.operations2 & 0x137))
-                    Refused(
-                        body + 28,
-                        "a file rule of type 3 needs a bit of 0x1BF in OperationMask or of 0x137 in OperationMask2");
-                else if (r.type != 2 && r.type != 3)
-                    Warn(at + 12, "file rule type " + Num(r.type) +
+            case kFile: {
+                namespace b = mf::FileBody;
+                r.flags = U32(body + b::RuleFlags);
+                r.depth = int32_t(U32(body + b::Depth));
+                includes_at = body + b::IncludeCount, excludes_at = body + b::ExcludeCount;
+                r.operations = U32(body + b::OperationMask), r.operations2 = U32(body + b::OperationMask2);
+                r.path = String(body + b::Path, body + b::Size, limit);
+                cursor = body + b::Size + r.path.max_length;
+                const uint32_t file = mf::FileRuleTypeFile, directory = mf::FileRuleTypeDirectory;
+                if (r.type == file && !(r.operations & mf::FileOperations))
+                    Refused(body + b::OperationMask, "a file rule of type " + Num(file) + " needs a bit of " +
+                                                         Hex(mf::FileOperations) + " in OperationMask " +
+                                                         Hex(r.operations));
+                else if (r.type == directory && !(r.operations & mf::FileOperations) &&
+                         !(r.operations2 & mf::DirectoryOperations2))
+                    Refused(body + b::OperationMask, "a file rule of type " + Num(directory) + " needs a bit of " +
+                                                         Hex(mf::FileOperations) + " in OperationMask or of " +
+                                                         Hex(mf::DirectoryOperations2) + " in OperationMask2");
+                else if (r.type != file && r.type != directory)
+                    Warn(type_at, "file rule type " + Num(r.type) +
                                       ": the file matcher ends its walk with an error at this rule");
                 break;
-            case kRegistry:
-                r.depth = int32_t(U32(body + 20));
-                includes_at = body + 24, excludes_at = body + 28;
-                r.operations = U32(body + 32), r.operations2 = U32(body + 36);
-                r.path = String(body + 4, body + 40, limit);
-                r.value_name = String(body + 12, body + 40 + r.path.max_length, limit, false);
-                cursor = body + 40 + r.path.max_length + r.value_name.max_length;
-                if (((r.operations | r.operations2) & 0xFF) == 0)
-                    Refused(body + 32,
+            }
+            case kRegistry: {
+                namespace b = mf::RegistryBody;
+                r.depth = int32_t(U32(body + b::Depth));
+                includes_at = body + b::IncludeCount, excludes_at = body + b::ExcludeCount;
+                r.operations = U32(body + b::OperationMask), r.operations2 = U32(body + b::OperationMask2);
+                r.path = String(body + b::Path, body + b::Size, limit);
+                r.value_name = String(body + b::ValueName, body + b::Size + r.path.max_length, limit, false);
+                cursor = body + b::Size + r.path.max_length + r.value_name.max_length;
+                static_assert(mf::RegistryOperations == 0xFF, "the message below names the low byte");
+                if (((r.operations | r.operations2) & mf::RegistryOperations) == 0)
+                    Refused(body + b::OperationMask,
                             "a registry rule needs a bit in the low byte of OperationMask or OperationMask2");
-                if (r.type != 4 && r.type != 5)
-                    Warn(at + 12, "registry rule type " + Num(r.type) + ": the registry matcher skips it");
+                if (r.type != mf::RegistryRuleTypeKey && r.type != mf::RegistryRuleTypeValue)
+                    Warn(type_at, "registry rule type " + Num(r.type) + ": the registry matcher skips it");
                 break;
+            }
             case kProcess:
-            case kSystem:
-                r.depth = int32_t(U32(body + 12));
-                includes_at = body + 16, excludes_at = body + 20;
-                r.operations = U32(body + 24);
-                r.path = String(body + 4, body + 28, limit);
-                cursor = body + 28 + r.path.max_length;
-                if (r.category == kProcess && !(r.operations & 0x7F))
-                    Refused(body + 24, "a process rule needs a bit of 0x7F in OperationMask " + Hex(r.operations));
-                if (r.category == kSystem && !(r.operations & 0x01))
-                    Refused(body + 24, "a system rule needs bit 0x1 in OperationMask " + Hex(r.operations));
-                if (r.category == kSystem && in_.U16(body + 4) == 0) Refused(body + 4, "a system rule needs a path");
+            case kSystem: {
+                // One layout for both.
+                namespace b = mf::ProcessBody;
+                r.depth = int32_t(U32(body + b::Depth));
+                includes_at = body + b::IncludeCount, excludes_at = body + b::ExcludeCount;
+                r.operations = U32(body + b::OperationMask);
+                r.path = String(body + b::Path, body + b::Size, limit);
+                cursor = body + b::Size + r.path.max_length;
+                if (r.category == kProcess && !(r.operations & mf::ProcessOperations))
+                    Refused(body + b::OperationMask, "a process rule needs a bit of " + Hex(mf::ProcessOperations) +
+                                                         " in OperationMask " + Hex(r.operations));
+                if (r.category == kSystem && !(r.operations & mf::SystemOperations))
+                    Refused(body + b::OperationMask, "a system rule needs bit " + Hex(mf::SystemOperations) +
+                                                         " in OperationMask " + Hex(r.operations));
+                if (r.category == kSystem && in_.U16(body + b::Path + mf::StringHeader::Length) == 0)
+                    Refused(body + b::Path, "a system rule needs a path");
                 break;
-            case kWhiteList:
-                includes_at = body + 12;
-                r.operations = U32(body + 16);
-                r.path = String(body + 4, body + 20, limit);
-                cursor = body + 20 + r.path.max_length;
-                if (r.type != 8 && r.type != 9)
-                    Warn(at + 12, "whitelist rule type " + Num(r.type) + ": it grants nothing");
+            }
+            case kWhiteList: {
+                namespace b = mf::WhiteListBody;
+                includes_at = body + b::IncludeCount;
+                r.operations = U32(body + b::OperationMask);
+                r.path = String(body + b::Path, body + b::Size, limit);
+                cursor = body + b::Size + r.path.max_length;
+                if (r.type != mf::WhiteListRuleTypeEdr && r.type != mf::WhiteListRuleTypeFim)
+                    Warn(type_at, "whitelist rule type " + Num(r.type) + ": it grants nothing");
                 break;
-            case kNetwork:
-                includes_at = body + 4, excludes_at = body + 8;
-                r.operations = U32(body + 12);
-                cursor = body + 16;
-                if (!(r.operations & 0x7))
-                    Refused(body + 12, "a network rule needs a bit of 0x7 in OperationMask " + Hex(r.operations));
+            }
+            case kNetwork: {
+                namespace b = mf::NetworkBody;
+                includes_at = body + b::IncludeCount, excludes_at = body + b::ExcludeCount;
+                r.operations = U32(body + b::OperationMask);
+                cursor = body + b::Size;
+                if (!(r.operations & mf::NetworkOperations))
+                    Refused(body + b::OperationMask, "a network rule needs a bit of " + Hex(mf::NetworkOperations) +
+                                                         " in OperationMask " + Hex(r.operations));
                 break;
+            }
         }
         Filters(cursor, limit, r.category, includes_at, "IncludeCount", r.include);
         if (excludes_at) Filters(cursor, limit, r.category, excludes_at, "ExcludeCount", r.exclude);
@@ -1072,11 +1211,17 @@ std::string ConditionsText(uint32_t bits, uint32_t category) {
     return Flow(parts, [](const std::string &p) { return p; });
 }
 
+// A word with bits beyond the three parts is printed whole, so that it
+// compiles back to itself.
 std::string TimeText(uint64_t word) {
-    if (word >> 24) return Hex(word);
+    constexpr uint64_t kParts = uint64_t(mf::TimePartMask) << mf::TimeHourShift |
+                                uint64_t(mf::TimePartMask) << mf::TimeMinuteShift |
+                                uint64_t(mf::TimePartMask) << mf::TimeSecondShift;
+    if (word & ~kParts) return Hex(word);
     char buf[16];
-    std::snprintf(buf, sizeof buf, "'%02u:%02u:%02u'", unsigned(word >> 16 & 0xFF), unsigned(word >> 8 & 0xFF),
-                  unsigned(word & 0xFF));
+    std::snprintf(buf, sizeof buf, "'%02u:%02u:%02u'", unsigned(word >> mf::TimeHourShift & mf::TimePartMask),
+                  unsigned(word >> mf::TimeMinuteShift & mf::TimePartMask),
+                  unsigned(word >> mf::TimeSecondShift & mf::TimePartMask));
     return buf;
 }
 
@@ -1133,7 +1278,7 @@ std::string Print(const Policy &p) {
         if (HasPath(r.category)) out << "      path: " << Item(r.path) << "\n";
         if (r.category == kRegistry) out << "      value_name: " << Item(r.value_name) << "\n";
         if (HasDepth(r.category))
-            out << "      depth: " << (r.depth == -2 ? std::string("any") : std::to_string(r.depth)) << "\n";
+            out << "      depth: " << (r.depth == mf::DepthAny ? std::string("any") : std::to_string(r.depth)) << "\n";
         out << "      operations: " << Hex(r.operations) << "\n";
         if (r.category == kFile || r.category == kRegistry) out << "      operations2: " << Hex(r.operations2) << "\n";
         PrintFilters(out, "include", r.category, r.include);
@@ -1156,9 +1301,11 @@ std::string DumpMonitor(const Bytes &binary) {
     // leaves it: compiling the text back proves it, byte for byte.
     const Bytes again = CompileText(text, "dump");
     if (again != binary) {
-        size_t i = 8;
+        // The checksum differs whenever anything else does: the first other
+        // difference is the one to name, and the checksum only if it is alone.
+        size_t i = mf::PolicyHeader::BodyChecksum + sizeof(uint32_t);
         while (i < again.size() && i < binary.size() && again[i] == binary[i]) ++i;
-        if (i == again.size() && i == binary.size()) i = 4;
+        if (i == again.size() && i == binary.size()) i = mf::PolicyHeader::BodyChecksum;
         throw std::runtime_error("offset " + Hex(i) + ": the file holds " +
                                  (i < binary.size() ? Hex(binary[i]) : "no byte") + " where a source can only put " +
                                  (i < again.size() ? Hex(again[i]) : "no byte") +

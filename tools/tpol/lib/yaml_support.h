@@ -90,8 +90,25 @@ struct Writer {
         U32(uint32_t(v >> 32));
     }
     void Raw(const uint8_t *p, size_t n) { bytes.insert(bytes.end(), p, p + n); }
+    // A record's fixed part: n zero bytes, whose offset the fields are then
+    // patched at, each at its place in the format's layout. What no patch
+    // touches (reserved words, text reference slots) stays zero.
+    size_t Zeros(size_t n) {
+        const size_t at = bytes.size();
+        bytes.resize(at + n, 0);
+        return at;
+    }
+    void PatchU16(size_t offset, uint16_t v) {
+        for (int i = 0; i < 2; ++i) bytes.at(offset + i) = uint8_t(v >> (8 * i));
+    }
     void PatchU32(size_t offset, uint32_t v) {
-        for (int i = 0; i < 4; ++i) bytes[offset + i] = uint8_t(v >> (8 * i));
+        for (int i = 0; i < 4; ++i) bytes.at(offset + i) = uint8_t(v >> (8 * i));
+    }
+    void PatchU64(size_t offset, uint64_t v) {
+        for (int i = 0; i < 8; ++i) bytes.at(offset + i) = uint8_t(v >> (8 * i));
+    }
+    void PatchRaw(size_t offset, const uint8_t *p, size_t n) {
+        for (size_t i = 0; i < n; ++i) bytes.at(offset + i) = p[i];
     }
     size_t Size() const { return bytes.size(); }
 };
