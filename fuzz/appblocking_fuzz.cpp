@@ -3,6 +3,7 @@
 // loads is matched and freed.
 #include "fuzz_support.h"
 #include "policy/appblocking.h"
+#include "rules/store.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     fuzz_support::InitializeMachine();
