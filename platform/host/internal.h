@@ -49,20 +49,10 @@ struct HostThread;  // the KTHREAD behind a host thread, see ps/thread.cpp
 // Per host thread kernel state. Threads that hostkernel did not create (the
 // test's main thread) get one on first use and act as a thread of the System
 // process at PASSIVE_LEVEL.
-// A ranked lock this thread holds, for the lock-order check.
-struct HeldLock {
-    const void *lock;
-    ULONG rank;
-    const char *name;
-};
-constexpr int kMaxHeldLocks = 16;
-
 struct ThreadState {
     KIRQL irql = PASSIVE_LEVEL;
     int kernel_apc_disable = 0;  // KeEnterCriticalRegion depth
     HostThread *thread = nullptr;
-    HeldLock held_locks[kMaxHeldLocks] = {};
-    int held_lock_count = 0;
 };
 ThreadState &CurrentThreadState();
 

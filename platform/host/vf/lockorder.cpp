@@ -25,42 +25,52 @@ std::array<RankedSpinLock, 32> spin_lock_ranks;
 std::atomic<size_t> spin_lock_rank_count{0};
 std::mutex spin_lock_rank_lock;
 
+// The ranked locks a thread holds, in the order it took them.
+struct HeldLock {
+    const void *lock;
+    ULONG rank;
+    const char *name;
+};
+constexpr int kMaxHeldLocks = 16;
+struct HeldLocks {
+    HeldLock locks[kMaxHeldLocks];
+    int count;
+};
+thread_local HeldLocks held;
+
 }  // namespace
 
 namespace hk::detail {
 
 void LockAcquiring(const void *lock, ULONG rank, const char *name, const char *routine) {
-    const ThreadState &state = CurrentThreadState();
-    for (int i = 0; i < state.held_lock_count; ++i) {
-        const HeldLock &held = state.held_locks[i];
-        if (held.lock == lock || held.rank < rank) continue;
-        if (held.rank == rank)
+    for (int i = 0; i < held.count; ++i) {
+        const HeldLock &other = held.locks[i];
+        if (other.lock == lock || other.rank < rank) continue;
+        if (other.rank == rank)
             Complainf("%s: lock order: %s acquired while this thread holds %s; locks of one rank are never held "
                       "together",
-                      routine, name, held.name);
+                      routine, name, other.name);
         else
             Complainf("%s: lock order: %s acquired while this thread holds %s, which comes after it in the "
                       "library's lock order",
-                      routine, name, held.name);
+                      routine, name, other.name);
     }
 }
 
 void LockAcquired(const void *lock, ULONG rank, const char *name) {
-    ThreadState &state = CurrentThreadState();
-    if (state.held_lock_count == kMaxHeldLocks) {
+    if (held.count == kMaxHeldLocks) {
         Complainf("lock order: %s acquired while this thread holds %d ranked locks already", name, kMaxHeldLocks);
         return;
     }
-    state.held_locks[state.held_lock_count++] = {lock, rank, name};
+    held.locks[held.count++] = {lock, rank, name};
 }
 
 void LockReleased(const void *lock, ULONG rank) {
-    ThreadState &state = CurrentThreadState();
     // Locks are mostly released in reverse order; any order is allowed.
-    for (int i = state.held_lock_count - 1; i >= 0; --i) {
-        if (state.held_locks[i].lock != lock) continue;
-        for (int j = i; j + 1 < state.held_lock_count; ++j) state.held_locks[j] = state.held_locks[j + 1];
-        --state.held_lock_count;
+    for (int i = held.count - 1; i >= 0; --i) {
+        if (held.locks[i].lock != lock) continue;
+        for (int j = i; j + 1 < held.count; ++j) held.locks[j] = held.locks[j + 1];
+        --held.count;
         return;
     }
 }
