@@ -258,6 +258,10 @@ TEST(TpolMonitor, CheckNamesWhatTheLoaderRefusesAtItsOffset) {
         }
         EXPECT_TRUE(found) << c.message << " at " << c.reported_at << "; findings:" << all;
     }
+    // The loader takes a process filter whatever its Conditions say, and so
+    // does the check.
+    EXPECT_TRUE(tpol::Check(tpol::CompileText(Rule("process", "      operations: 0x1\n      include: [{conditions: []}]\n")))
+                    .empty());
     auto unsealed = tpol::CompileText(base);
     unsealed[118] = 'B';
     ASSERT_FALSE(tpol::Check(unsealed).empty());

@@ -925,7 +925,8 @@ private:
         f.object_kind = U32(at + rf::ObjectKind);
         f.start = in_.U64(at + rf::StartTime);
         f.end = in_.U64(at + rf::EndTime);
-        if ((f.conditions & mf::FilterConditions) == 0)
+        // A process filter is taken whatever its Conditions say.
+        if (category != kProcess && (f.conditions & mf::FilterConditions) == 0)
             Refused(at + rf::Conditions,
                     "Conditions " + Hex(f.conditions) + " has none of the low 16 bits: the loader refuses the filter");
         if (category == kFile && (f.conditions & mf::ConditionObjectKind) && (f.object_kind & mf::ObjectKindMask) == 0)
