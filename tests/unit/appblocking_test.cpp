@@ -5,6 +5,7 @@
 #include "diagnostics/eventlog.h"
 #include "policy/appblocking.h"
 #include "rules/store.h"
+#include "support/concurrency.h"
 #include "support/library_test.h"
 #include "tpol.h"
 
@@ -178,54 +179,39 @@ TEST_F(AppBlockingConcurrency, MatchesRunWhileThePolicyIsSwapped) {
     // Two editions that both list the same digest: whichever set a match
     // sees, it must find it, and no set may be freed under a match.
     const char *editions[] = {kTwoRules, kOneRuleNoFlags};
-    std::atomic<bool> stop{false};
-    std::atomic<int> misses{0}, matches{0};
     const UCHAR digest[32] = {0x2c, 0xf2, 0x4d, 0xba, 0x5f, 0xb0, 0xa3, 0x0e, 0x26, 0xe8, 0x3b,
                               0x2a, 0xc5, 0xb9, 0xe2, 0x9e, 0x1b, 0x16, 0x1e, 0x5c, 0x1f, 0xa7,
                               0x42, 0x5e, 0x73, 0x04, 0x33, 0x62, 0x93, 0x8b, 0x98, 0x24};
     Install(editions[0]);
-    std::vector<std::thread> matchers;
-    for (int t = 0; t < 3; ++t)
-        matchers.emplace_back([&] {
-            while (!stop) {
-                AppBlockingResult result{};
-                if (TcTFeMatchesProcessAppBlockingRuleSet(digest, &result) != STATUS_SUCCESS || !result.Matched)
-                    ++misses;
-                ++matches;
-            }
-        });
-    for (int round = 0; round < 200; ++round) Install(editions[round % 2]);
-    stop = true;
-    for (auto &t : matchers) t.join();
-    EXPECT_EQ(misses, 0);
-    EXPECT_GT(matches, 0);
+    const ReadTally tally = ReadWhileWriting(
+        3, 200,
+        [&] {
+            AppBlockingResult result{};
+            return TcTFeMatchesProcessAppBlockingRuleSet(digest, &result) == STATUS_SUCCESS && result.Matched;
+        },
+        [&](int round) { Install(editions[round % 2]); });
+    EXPECT_EQ(tally.wrong, 0);
+    EXPECT_GT(tally.reads, 0);
 }
 
 // The monitors ask whether SHA-256 digests are wanted on their process
 // creation path, with no lock, while the agent installs and withdraws
 // policies: every answer is one edition's flag.
 TEST_F(AppBlockingConcurrency, TheSha256QueryAnswersWithoutALockWhileThePolicyIsSwapped) {
-    std::atomic<bool> stop{false};
-    std::atomic<int> odd{0}, answers{0};
-    std::vector<std::thread> askers;
-    for (int t = 0; t < 2; ++t)
-        askers.emplace_back([&] {
-            while (!stop) {
-                const UCHAR answer = TcIsHBBProcessSHA256SupportEnabled();
-                if (answer != 0 && answer != 1) ++odd;
-                ++answers;
-            }
+    const ReadTally tally = ReadWhileWriting(
+        2, 200,
+        [] {
+            const UCHAR answer = TcIsHBBProcessSHA256SupportEnabled();
+            return answer == 0 || answer == 1;
+        },
+        [&](int round) {
+            if (round % 3 == 2)
+                RemoveAppBlockingRuleSet();
+            else
+                Install(round % 3 ? kOneRuleNoFlags : kTwoRules);
         });
-    for (int round = 0; round < 200; ++round) {
-        if (round % 3 == 2)
-            RemoveAppBlockingRuleSet();
-        else
-            Install(round % 3 ? kOneRuleNoFlags : kTwoRules);
-    }
-    stop = true;
-    for (auto &t : askers) t.join();
-    EXPECT_EQ(odd, 0);
-    EXPECT_GT(answers, 0);
+    EXPECT_EQ(tally.wrong, 0);
+    EXPECT_GT(tally.reads, 0);
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 // swapped under them.
 #include "diagnostics/eventlog.h"
 #include "include/texprt.h"
+#include "base/locks.h"
 #include "rules/store.h"
+#include "support/concurrency.h"
 #include "support/monitor_test.h"
 #include "tpol.h"
 
@@ -76,31 +78,20 @@ class MonitorStoreConcurrency : public MonitorStoreFixture {};
 
 TEST_F(MonitorStoreConcurrency, ReadersSeeOneWholePolicyWhileItIsSwapped) {
     Install(kEdition1);
-    std::atomic<bool> stop{false};
-    std::atomic<int> torn{0}, reads{0};
-    std::vector<std::thread> readers;
-    for (int t = 0; t < 3; ++t)
-        readers.emplace_back([&] {
-            while (!stop) {
-                KeEnterCriticalRegion();
-                ExAcquireResourceSharedLite(&MonitorRuleLock, TRUE);
-                // Edition 1 has a FIM registry set and edition 2 a whitelist
-                // set; a reader must never see both, nor neither.
-                const MonitorFileRuleSet *file = EdrRuleSets.File;
-                const bool one = FimRuleSets.Registry != nullptr, two = MonitorWhiteListSet != nullptr;
-                if (file == nullptr || one == two ||
-                    Text(&file->Rules[0].Path) != (one ? std::string("\\ONE") : std::string("\\TWO")))
-                    ++torn;
-                ExReleaseResourceLite(&MonitorRuleLock);
-                KeLeaveCriticalRegion();
-                ++reads;
-            }
-        });
-    for (int round = 0; round < 200; ++round) Install(round % 2 ? kEdition1 : kEdition2);
-    stop = true;
-    for (auto &t : readers) t.join();
-    EXPECT_EQ(torn, 0);
-    EXPECT_GT(reads, 0);
+    const ReadTally tally = ReadWhileWriting(
+        3, 200,
+        [] {
+            SharedResourceGuard guard(&MonitorRuleLock);
+            // Edition 1 has a FIM registry set and edition 2 a whitelist
+            // set; a reader must never see both, nor neither.
+            const MonitorFileRuleSet *file = EdrRuleSets.File;
+            const bool one = FimRuleSets.Registry != nullptr, two = MonitorWhiteListSet != nullptr;
+            return file != nullptr && one != two &&
+                   Text(&file->Rules[0].Path) == (one ? std::string("\\ONE") : std::string("\\TWO"));
+        },
+        [](int round) { Install(round % 2 ? kEdition1 : kEdition2); });
+    EXPECT_EQ(tally.wrong, 0);
+    EXPECT_GT(tally.reads, 0);
 }
 
 // The monitors' state queries read one mask each with no lock, on their
@@ -108,31 +99,25 @@ TEST_F(MonitorStoreConcurrency, ReadersSeeOneWholePolicyWhileItIsSwapped) {
 // bit still clear while its mask is rebuilt, never a bit of neither edition.
 TEST_F(MonitorStoreConcurrency, StateQueriesAnswerWithoutALockWhilePoliciesAreSwapped) {
     Install(kEdition1);
-    std::atomic<bool> stop{false};
-    std::atomic<int> odd{0}, answers{0};
-    std::vector<std::thread> askers;
-    for (int t = 0; t < 2; ++t)
-        askers.emplace_back([&] {
-            while (!stop) {
-                const UCHAR disk = TcIsDiskRuleNotify(0xFF);
-                if (disk != 0 && disk != 0x81 && disk != 0x20) ++odd;
-                if ((TcIsRegValNotify(0xFF) & ~0x4) != 0 || TcIsNetworkRuleNotify(0xFF) != 0) ++odd;
-                if (TcIsSystemCaptureEnabled() || TcIsProcessCaptureEnabled()) ++odd;
-                (void)TcIsFileSystemCaptureEnabled();
-                (void)TcIsWhitelistMonitorEnabled();
-                ++answers;
-            }
+    const ReadTally tally = ReadWhileWriting(
+        2, 200,
+        [] {
+            const UCHAR disk = TcIsDiskRuleNotify(0xFF);
+            bool good = disk == 0 || disk == 0x81 || disk == 0x20;
+            good = good && (TcIsRegValNotify(0xFF) & ~0x4) == 0 && TcIsNetworkRuleNotify(0xFF) == 0;
+            good = good && !TcIsSystemCaptureEnabled() && !TcIsProcessCaptureEnabled();
+            (void)TcIsFileSystemCaptureEnabled();
+            (void)TcIsWhitelistMonitorEnabled();
+            return good;
+        },
+        [](int round) {
+            if (round % 5 == 4)
+                RemoveMonitorRuleSets();
+            else
+                Install(round % 2 ? kEdition1 : kEdition2);
         });
-    for (int round = 0; round < 200; ++round) {
-        if (round % 5 == 4)
-            RemoveMonitorRuleSets();
-        else
-            Install(round % 2 ? kEdition1 : kEdition2);
-    }
-    stop = true;
-    for (auto &t : askers) t.join();
-    EXPECT_EQ(odd, 0);
-    EXPECT_GT(answers, 0);
+    EXPECT_EQ(tally.wrong, 0);
+    EXPECT_GT(tally.reads, 0);
 }
 
 }  // namespace
