@@ -77,13 +77,13 @@ NTSTATUS LoadTextRecords(PUCHAR Records, ULONG Count, ULONG Available, ULONG Mag
             Status = STATUS_INVALID_PARAMETER;
             break;
         }
-        UNICODE_STRING Text;
+        PolicyText Text;
         Status = ReadPolicyString(Record + Format::TextRecord::Text, Record + Format::TextRecord::Size,
                                   Available - Offset - Format::TextRecord::Size, TRUE, &Text);
         if (!NT_SUCCESS(Status)) break;
-        Status = Add(&Text);
+        Status = Add(&Text.View);
         if (!NT_SUCCESS(Status)) break;
-        Offset += Format::TextRecord::Size + Text.MaximumLength;
+        Offset += Format::TextRecord::Size + Text.View.MaximumLength;
         *SizeOut = Offset;
     }
     if (!NT_SUCCESS(Status)) {
@@ -95,26 +95,29 @@ NTSTATUS LoadTextRecords(PUCHAR Records, ULONG Count, ULONG Available, ULONG Mag
 
 }  // namespace
 
-NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLEAN Terminated,
-                          PUNICODE_STRING View) {
+NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLEAN Terminated, PolicyText *Out) {
     const USHORT Length = PolicyUshort(Header + Format::StringHeader::Length);
     const USHORT MaximumLength = PolicyUshort(Header + Format::StringHeader::MaximumLength);
-    if (Length > MaximumLength || (Length & 1) != 0 || (MaximumLength & 1) != 0 || MaximumLength > TextAvailable ||
-        ((ULONG_PTR)Text & 1) != 0)
+    if (Length > MaximumLength || (Length & 1) != 0 || (MaximumLength & 1) != 0 || MaximumLength > TextAvailable)
         return STATUS_DATA_ERROR;
-    const WCHAR *Characters = (const WCHAR *)Text;
     if (Terminated) {
         ULONG Index = 0;
-        while (Index < MaximumLength / sizeof(WCHAR) && Characters[Index] != 0) ++Index;
+        while (Index < MaximumLength / sizeof(WCHAR) && PolicyUshort(Text + Index * sizeof(WCHAR)) != 0) ++Index;
         if (Index == MaximumLength / sizeof(WCHAR)) return STATUS_DATA_ERROR;
+    }
+    PWCH Characters = (PWCH)Text;
+    if (((ULONG_PTR)Text & 1) != 0 && MaximumLength != 0) {
+        Out->Copy = PoolAlloc(DefaultPool, MaximumLength, TagFilter);
+        if (Out->Copy == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
+        RtlCopyMemory(Out->Copy, Text, MaximumLength);
+        Characters = (PWCH)Out->Copy;
     }
     // The slot takes the text's address; only its low 32 bits fit on a
     // 64-bit machine, and nothing reads it back.
-    const ULONG Reference = (ULONG)(ULONG_PTR)Text;
-    RtlCopyMemory(Header + Format::StringHeader::TextReference, &Reference, sizeof(Reference));
-    View->Length = Length;
-    View->MaximumLength = MaximumLength;
-    View->Buffer = (PWCH)Text;
+    PolicyWriteUlong(Header + Format::StringHeader::TextReference, (ULONG)(ULONG_PTR)Text);
+    Out->View.Length = Length;
+    Out->View.MaximumLength = MaximumLength;
+    Out->View.Buffer = Characters;
     return STATUS_SUCCESS;
 }
 

@@ -378,13 +378,29 @@ NTSTATUS LoadNetworkPortNumberFilters(NetworkRuleFilter *Filter, PUCHAR Records,
 NTSTATUS LoadNetworkPortRangeFilters(NetworkRuleFilter *Filter, PUCHAR Records, ULONG Group, ULONG Count,
                                      ULONG Available, ULONG *SizeOut);
 
+// A policy string's text as the compiles read it. A text stands at whatever
+// offset its record gives, so it may lie at an odd address of the image,
+// where a 16-bit read is undefined and no kernel routine may be handed it:
+// such a text is read through an aligned copy of its MaximumLength bytes,
+// which lives as long as this object. View points into the image, or into
+// the copy.
+class PolicyText {
+public:
+    PolicyText() = default;
+    ~PolicyText() { PoolFree(Copy); }
+    PolicyText(const PolicyText &) = delete;
+    PolicyText &operator=(const PolicyText &) = delete;
+
+    UNICODE_STRING View = {};
+    PVOID Copy = nullptr;
+};
+
 // Reads a file string header and makes a view of its text, which starts at
 // Text and may use TextAvailable bytes: Length within MaximumLength, both
-// even, the text aligned, all of it inside the record, and, when Terminated,
-// a NUL within MaximumLength (the compiles search the file's text for it).
-// The header's reference slot takes the text's address.
-NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLEAN Terminated,
-                          PUNICODE_STRING View);
+// even, all of it inside the record, and, when Terminated, a NUL within
+// MaximumLength (the compiles search the file's text for it). The header's
+// reference slot takes the text's address in the image.
+NTSTATUS ReadPolicyString(PUCHAR Header, PUCHAR Text, ULONG TextAvailable, BOOLEAN Terminated, PolicyText *Out);
 
 // The parts of a record that every rule family finds the same way.
 struct ParsedRecord {

@@ -200,13 +200,13 @@ NTSTATUS ParsePathRule(const PathRuleKind &Kind, Set *Target, PUCHAR Record, ULO
     }
     ParsedRecord Parsed;
     NTSTATUS Status = ParseRecordHead(Record, RecordSize, Kind.BodyMagic, Kind.BodyLabel, Kind.BodyFixedSize, &Parsed);
-    UNICODE_STRING Path = {}, Value = {};
+    PolicyText Path, Value;
     ULONG ListsOffset = 0;
     if (NT_SUCCESS(Status)) {
         PUCHAR Body = Parsed.Body;
         Status = ReadPolicyString(Body + Kind.PathHeader, Body + Kind.BodyFixedSize,
                                   Parsed.BodyAvailable - Kind.BodyFixedSize, FALSE, &Path);
-        ListsOffset = Kind.BodyFixedSize + Path.MaximumLength;
+        ListsOffset = Kind.BodyFixedSize + Path.View.MaximumLength;
         // A registry rule's value name follows the path text, taking its
         // MaximumLength even when empty; only a named value gets a reference.
         if (NT_SUCCESS(Status) && Kind.Category == CategoryRegistry) {
@@ -218,13 +218,13 @@ NTSTATUS ParsePathRule(const PathRuleKind &Kind, Set *Target, PUCHAR Record, ULO
                        Parsed.BodyAvailable - ListsOffset) {
                 Status = STATUS_DATA_ERROR;
             } else {
-                Value.Buffer = (PWCH)(Body + ListsOffset);
+                Value.View.Buffer = (PWCH)(Body + ListsOffset);
             }
             ListsOffset += PolicyUshort(ValueName + Format::StringHeader::MaximumLength);
         }
     }
     RuleBody *Rule = nullptr;
-    if (NT_SUCCESS(Status)) Status = Add(Target, Parsed, &Path, &Value, &Rule);
+    if (NT_SUCCESS(Status)) Status = Add(Target, Parsed, &Path.View, &Value.View, &Rule);
     if (NT_SUCCESS(Status)) {
         PUCHAR Fields = Parsed.Body;
         Status = LoadIncludeExclude(Kind, Rule, Parsed.Body + ListsOffset, Parsed.BodyAvailable - ListsOffset,

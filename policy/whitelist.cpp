@@ -127,7 +127,7 @@ NTSTATUS ParseMonitorWhiteListRule(MonitorWhiteListRuleSet *Set, PUCHAR Record, 
         return STATUS_INVALID_PARAMETER;
     }
     ParsedRecord Parsed;
-    UNICODE_STRING Path;
+    PolicyText Path;
     WhiteListRuleBody *Rule = nullptr;
     NTSTATUS Status = ParseRecordHead(Record, RecordSize, Format::WhiteListBodyMagic,
                                       WIDE("Whitelist Rule Body Header"), Format::WhiteListBody::Size, &Parsed);
@@ -136,9 +136,10 @@ NTSTATUS ParseMonitorWhiteListRule(MonitorWhiteListRuleSet *Set, PUCHAR Record, 
                                   Parsed.BodyAvailable - Format::WhiteListBody::Size, FALSE, &Path);
     if (NT_SUCCESS(Status))
         Status = AddMonitorWhiteListRule(Set, Parsed.Category, Parsed.RuleType, Parsed.Contexts, Parsed.ContextCount,
-                                         &Path, PolicyUlong(Parsed.Body + Format::WhiteListBody::OperationMask), &Rule);
+                                         &Path.View, PolicyUlong(Parsed.Body + Format::WhiteListBody::OperationMask),
+                                         &Rule);
     if (NT_SUCCESS(Status)) {
-        const ULONG ListsOffset = Format::WhiteListBody::Size + Path.MaximumLength;
+        const ULONG ListsOffset = Format::WhiteListBody::Size + Path.View.MaximumLength;
         ULONG Size = 0;
         Status = LoadWhiteListFilters(Rule, Parsed.Body + ListsOffset,
                                       PolicyUlong(Parsed.Body + Format::WhiteListBody::IncludeCount), 0,

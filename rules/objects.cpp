@@ -36,10 +36,13 @@ NTSTATUS CopyObjectName(PUNICODE_STRING Destination, PCUNICODE_STRING Source, Tr
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     const USHORT Chars = Source->Length / sizeof(WCHAR);
+    // The caller's text is copied byte for byte and upcased in its new,
+    // aligned place: a name at an odd address is read like any other, and
+    // the upcase never sees the caller's buffer. The destination is large
+    // enough and nothing is allocated, so the upcase cannot fail.
+    if (Source->Length != 0) RtlCopyMemory(Destination->Buffer, Source->Buffer, Source->Length);
     Destination->Buffer[Chars] = 0;
-    // The destination is large enough and nothing is allocated, so the
-    // upcase cannot fail.
-    (void)RtlUpcaseUnicodeString(Destination, Source, FALSE);
+    (void)RtlUpcaseUnicodeString(Destination, Destination, FALSE);
     if (Trailing == TrailingBackslash::Drop && Chars != 0 && Destination->Buffer[Chars - 1] == WIDE('\\')) {
         Destination->Buffer[Chars - 1] = 0;
         Destination->Length -= sizeof(WCHAR);

@@ -5,11 +5,13 @@
 #include "diagnostics/eventlog.h"
 #include "policy/appblocking.h"
 #include "rules/store.h"
+#include "fuzz/fuzz_support.h"
 #include "support/concurrency.h"
 #include "support/library_test.h"
 #include "tpol.h"
 
 #include <atomic>
+#include <fstream>
 #include <cstring>
 #include <thread>
 
@@ -86,6 +88,25 @@ TEST_F(AppBlockingTest, DigestTextAtAnOddAddressIsReadAsWell) {
     EXPECT_EQ(rule.Hashes[0][0], 0x9f);
     EXPECT_EQ(rule.Hashes[0][31], 0x08);
     FreeAppBlockingRule(&rule);
+}
+
+// A fuzz input whose records put a digest text at an odd offset of the
+// image, made into the image the reader would make of it: it parses without
+// an undefined read, and each digest is the text that stands there.
+TEST_F(AppBlockingTest, TheOddDigestTextFindingParses) {
+    std::ifstream in(std::string(TEXPRT_SOURCE_DIR) + "/fuzz/seeds/appblocking/odd-digest-text.bin", std::ios::binary);
+    ASSERT_TRUE(in);
+    const std::vector<uint8_t> input((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    PUCHAR image = fuzz_support::PolicyImage(input.data(), input.size(), AppBlockingPolicyMagic,
+                                             AppBlockingHeaderSize, TagAppBlocking);
+    ASSERT_NE(image, nullptr);
+    ULONGLONG flags = 0;
+    ProcessAppBlockingRuleSet *set = nullptr;
+    const NTSTATUS status = ParseAppBlockingPolicy(image, &flags, &set);
+    EXPECT_EQ(status, STATUS_DATA_ERROR);
+    EXPECT_EQ(set, nullptr);
+    PoolFree(image);
+    hk::ClearEventLog();
 }
 
 TEST_F(AppBlockingTest, AShortDigestLeavesTheRestAsAllocated) {

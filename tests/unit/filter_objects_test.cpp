@@ -235,6 +235,22 @@ TEST_F(FilterObjectsTest, NamesAreUpcasedPrivateCopiesAndSomeLoseOneTrailingBack
     EXPECT_EQ(PoolDelta(), 0u);
 }
 
+// A caller's name may stand at an odd address (inside a packed record of
+// its own); the copy reads it byte by byte and upcases it in place.
+TEST_F(FilterObjectsTest, ANameAtAnOddAddressIsCopiedAsAnyOther) {
+    const std::u16string text = u"\\Device\\HarddiskVolume2\\Users\\Bob\\ä.txt\\";
+    std::vector<uint8_t> packed(1 + text.size() * 2);
+    std::memcpy(packed.data() + 1, text.data(), text.size() * 2);
+    UNICODE_STRING name{USHORT(text.size() * 2), USHORT(text.size() * 2), reinterpret_cast<PWCH>(packed.data() + 1)};
+    Objects o;
+    ASSERT_EQ(TcTFeInitializeFileObject(&o.file, &name, 46, TEXPRT_OBJECT_FILE, 0, 0, 0), STATUS_SUCCESS);
+    EXPECT_EQ(Text(&o.file.Name), "\\DEVICE\\HARDDISKVOLUME2\\USERS\\BOB\\Ä.TXT");
+    EXPECT_EQ(uintptr_t(o.file.Name.Buffer) & 1, 0u);
+    ASSERT_EQ(TcTFeInitializeWhiteListObject(&o.whitelist, &name, &name, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(Text(&o.whitelist.CommandLine), "\\DEVICE\\HARDDISKVOLUME2\\USERS\\BOB\\Ä.TXT\\");
+    o.CleanupAll();
+}
+
 TEST_F(FilterObjectsTest, TheVolumePrefixIsAViewOfTheNameNotAdjustedForTheBackslash) {
     struct Case {
         const char *name;

@@ -136,7 +136,9 @@ TEST_F(MonitorRecordsTest, PolicyStringsStayInsideTheirRecord) {
         {"no NUL where one is needed", 4, 4, {u'a', u'b'}, 4, true, false, STATUS_DATA_ERROR},
         {"no NUL where none is needed", 4, 4, {u'a', u'b'}, 4, false, false, STATUS_SUCCESS},
         {"an early NUL will do", 4, 6, {0, u'b', u'c'}, 6, true, false, STATUS_SUCCESS},
-        {"text at an odd address", 2, 4, {u'a', 0}, 4, false, true, STATUS_DATA_ERROR},
+        {"text at an odd address", 2, 4, {u'a', 0}, 4, false, true, STATUS_SUCCESS},
+        {"text at an odd address, needing its NUL", 4, 6, {u'a', u'b', 0}, 6, true, true, STATUS_SUCCESS},
+        {"text at an odd address without a NUL", 4, 4, {u'a', u'b'}, 4, true, true, STATUS_DATA_ERROR},
         {"empty", 0, 0, {}, 0, false, false, STATUS_SUCCESS},
     };
     for (const auto &c : cases) {
@@ -145,17 +147,79 @@ TEST_F(MonitorRecordsTest, PolicyStringsStayInsideTheirRecord) {
         std::memcpy(&record[2], &c.maximum, 2);
         const size_t text_at = c.misaligned ? 9 : 8;
         if (!c.text.empty()) std::memcpy(&record[text_at], c.text.data(), c.text.size() * 2);
-        UNICODE_STRING view{};
-        EXPECT_EQ(ReadPolicyString(record.data(), record.data() + text_at, c.available, c.terminated, &view), c.status)
+        PolicyText text;
+        EXPECT_EQ(ReadPolicyString(record.data(), record.data() + text_at, c.available, c.terminated, &text), c.status)
             << c.what;
         if (c.status != STATUS_SUCCESS) continue;
+        const UNICODE_STRING &view = text.View;
         EXPECT_EQ(view.Length, c.length) << c.what;
         EXPECT_EQ(view.MaximumLength, c.maximum) << c.what;
-        EXPECT_EQ(static_cast<void *>(view.Buffer), record.data() + text_at) << c.what;
+        if (c.misaligned) {
+            // Read through an aligned copy of all MaximumLength bytes.
+            EXPECT_EQ(uintptr_t(view.Buffer) & 1, 0u) << c.what;
+            EXPECT_EQ(std::memcmp(view.Buffer, record.data() + text_at, c.maximum), 0) << c.what;
+        } else {
+            EXPECT_EQ(static_cast<void *>(view.Buffer), record.data() + text_at) << c.what;
+        }
         uint32_t reference;
         std::memcpy(&reference, &record[4], 4);
         EXPECT_EQ(reference, uint32_t(uintptr_t(record.data() + text_at))) << c.what;
     }
+}
+
+// The texts of every rule as the sets hold them, in set order.
+std::vector<std::string> Texts(const MonitorRuleSets &family, const MonitorWhiteListRuleSet *whitelist) {
+    std::vector<std::string> out;
+    auto patterns = [&](const RuleFilter *filters, ULONG count) {
+        for (ULONG f = 0; f < count; ++f) {
+            for (ULONG p = 0; p < filters[f].FilterPatternCount; ++p) out.push_back(Text(&filters[f].FilterPatterns[p].Text));
+            for (ULONG a = 0; a < filters[f].ActorProcessCount; ++a) out.push_back(Text(&filters[f].ActorProcesses[a].Text));
+            for (ULONG a = 0; a < filters[f].ArgumentCount; ++a) out.push_back(Text(&filters[f].Arguments[a].Text));
+            for (ULONG a = 0; a < filters[f].ParentProcessCount; ++a)
+                out.push_back(Text(&filters[f].ParentProcesses[a].Text));
+        }
+    };
+    auto paths = [&](const auto *set) {
+        if (set == nullptr) return;
+        for (ULONG r = 0; r < set->RuleCount; ++r) {
+            out.push_back(Text(&set->Rules[r].Path));
+            patterns(set->Rules[r].IncludeFilters, set->Rules[r].IncludeCount);
+        }
+    };
+    paths(family.File);
+    paths(family.Registry);
+    paths(family.Process);
+    paths(family.System);
+    if (family.Network != nullptr)
+        for (ULONG g = 0; g < 2; ++g)
+            for (ULONG a = 0; a < family.Network->Rules[0].IncludeFilters[0].AddressCount[g]; ++a)
+                out.push_back(Text(&family.Network->Rules[0].IncludeFilters[0].Addresses[g][a].Text));
+    paths(whitelist);
+    return out;
+}
+
+// A writer may leave a record of odd size; every text behind it then stands
+// at an odd offset of the image. The texts read as they would at an even
+// one, and the policy loads the same rules.
+TEST_F(MonitorRecordsTest, TextsBehindARecordOfOddSizeReadAsWritten) {
+    const auto even = tpol::CompileText(kEveryRecord);
+    ASSERT_EQ(Parse(even), STATUS_SUCCESS);
+    const auto expected = Texts(edr, whitelist);
+    ASSERT_GE(expected.size(), 12u);
+
+    // One more byte at the end of the first record, which says so.
+    auto odd = even;
+    uint32_t record_size, body_length;
+    std::memcpy(&record_size, &odd[36 + 4], 4);
+    std::memcpy(&body_length, &odd[8], 4);
+    odd.insert(odd.begin() + 36 + record_size, 0);
+    ++record_size;
+    ++body_length;
+    std::memcpy(&odd[36 + 4], &record_size, 4);
+    std::memcpy(&odd[8], &body_length, 4);
+    tpol::Reseal(odd);
+    ASSERT_EQ(Parse(odd), STATUS_SUCCESS);
+    EXPECT_EQ(Texts(edr, whitelist), expected);
 }
 
 class MonitorFileTest : public MonitorRecordsTest {
