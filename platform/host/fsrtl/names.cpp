@@ -63,8 +63,12 @@ bool TailEquals(const NameReader &name, size_t name_length, const WCHAR *tail, s
 // From position p, with the next name character c:
 //   *          stays at p consuming c, or moves on without consuming.
 //   ?          consumes any c.
-//   DOS_STAR   like *, except that it never consumes the name's last period,
-//              so that "<.txt" sees the extension after the final period.
+//   DOS_STAR   like *, except that the name's last period can only be the
+//              last character of its run: there it either moves on without
+//              consuming, so that "<.txt" sees the extension after the final
+//              period, or consumes the period and moves on at once. That is
+//              how Windows answers: "ab<exe" takes "ab.exe" and "abcd.exe",
+//              "a<" takes "a." but not "a.b".
 //   DOS_QM     consumes any c but a period; at a period or the end of the
 //              name it moves on without consuming, so a run of them matches
 //              up to as many characters as it has.
@@ -121,7 +125,7 @@ public:
                         moves_on = true;
                         break;
                     case DOS_STAR:
-                        if (!final_period) target = p;
+                        target = final_period ? p + 1 : p;
                         moves_on = true;
                         break;
                     case u'?':
