@@ -83,7 +83,8 @@ TEST_F(FsRtlTest, IsNameInExpressionAtTheLongestLengths) {
         {questions.substr(1) + u"*", longest, false, true},
         {std::u16string(32767, u'*'), u"abc", false, true},
         {std::u16string(200, u'>'), std::u16string(199, u'x'), false, true},
-        {std::u16string(200, u'>'), std::u16string(199, u'x') + u".", false, false},
+        {std::u16string(200, u'>'), std::u16string(199, u'x') + u".", false, true},  // the last one takes the period
+        {std::u16string(200, u'>'), std::u16string(199, u'x') + u".x", false, false},
         {std::u16string(200, u'>') + u".X", std::u16string(150, u'x') + u".x", false, false},
         {std::u16string(200, u'>') + u".X", std::u16string(150, u'x') + u".x", true, true},
     };

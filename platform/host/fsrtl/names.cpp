@@ -63,13 +63,22 @@ bool TailEquals(const NameReader &name, size_t name_length, const WCHAR *tail, s
 // From position p, with the next name character c:
 //   *          stays at p consuming c, or moves on without consuming.
 //   ?          consumes any c.
-//   DOS_STAR   like *, except that it never consumes the name's last period,
-//              so that "<.txt" sees the extension after the final period.
+//   DOS_STAR   like *, except that the name's last period can only be the
+//              last character of its run: there it either moves on without
+//              consuming, so that "<.txt" sees the extension after the final
+//              period, or consumes the period and moves on at once. That is
+//              how Windows answers: "ab<exe" takes "ab.exe" and "abcd.exe",
+//              "a<" takes "a." but not "a.b".
 //   DOS_QM     consumes any c but a period; at a period or the end of the
 //              name it moves on without consuming, so a run of them matches
 //              up to as many characters as it has.
 //   DOS_DOT    consumes a period, or moves on at the end of the name.
 //   otherwise  consumes c when it is the same character.
+// Moving on past the expression's last character while c waits takes c as
+// well: Windows counts the expression used up on that character. Only a run
+// of DOS_QM at a period shows it (every other move on has consumed c
+// already), and only on the name's last character, since nothing leaves the
+// end position: "a>" and ">>" take "a.", ">" takes ".", but ">" not "a.".
 // The name matches when, with all of it consumed, the end position is live.
 class ExpressionWalk {
 public:
@@ -108,6 +117,7 @@ public:
             for (size_t k = 0; k < live_count; ++k) {
                 size_t p = live[k];
                 if (p < expanded) continue;
+                const size_t from = p;
                 // Positions come in increasing order and each moves to itself
                 // or the next one, so the new row stays sorted and a
                 // duplicate can only be the entry just written.
@@ -121,7 +131,7 @@ public:
                         moves_on = true;
                         break;
                     case DOS_STAR:
-                        if (!final_period) target = p;
+                        target = final_period ? p + 1 : p;
                         moves_on = true;
                         break;
                     case u'?':
@@ -142,6 +152,11 @@ public:
                         after[after_count++] = uint16_t(target);
                     if (!moves_on) break;
                 }
+                // Moved on past the last character with c still waiting: the
+                // end position takes c too. It is the highest position, so
+                // the row stays sorted.
+                if (p == length_ && from < length_ && (after_count == 0 || after[after_count - 1] != length_))
+                    after[after_count++] = uint16_t(length_);
                 expanded = p + 1;
             }
             if (after_count == 0) return false;
