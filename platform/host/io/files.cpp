@@ -210,46 +210,14 @@ ACCESS_MASK MapGenericAccess(ACCESS_MASK access) {
 
 // ------------------------------------------------------------ name matching
 
-// The file system's name expressions: * and ? as everywhere, and the DOS
-// forms that Win32 writes for its own patterns: < (DOS_STAR) matches up to
-// but not including the name's last period, > (DOS_QM) matches one
-// character or nothing at a period or the end, and " (DOS_DOT) matches a
-// period or the end of the name.
+// A directory query's mask is matched as NTFS matches it: with the kernel's
+// own FsRtlIsNameInExpression, the expression upcased when case is ignored.
 bool MatchesExpression(const std::u16string &expression, const std::u16string &name, bool ignore_case) {
-    const std::u16string expr = ignore_case ? Upcase(expression) : expression;
-    const std::u16string text = ignore_case ? Upcase(name) : name;
-    const size_t e = expr.size(), n = text.size();
-    const size_t last_dot = text.rfind(u'.');
-    std::vector<signed char> memo((e + 1) * (n + 1), -1);
-    std::function<bool(size_t, size_t)> match = [&](size_t i, size_t j) -> bool {
-        signed char &known = memo[i * (n + 1) + j];
-        if (known >= 0) return known;
-        bool result;
-        if (i == e) {
-            result = j == n;
-        } else {
-            switch (expr[i]) {
-            case u'*': result = match(i + 1, j) || (j < n && match(i, j + 1)); break;
-            case u'?': result = j < n && match(i + 1, j + 1); break;
-            case u'<': {
-                const size_t limit = (last_dot != std::u16string::npos && last_dot >= j) ? last_dot : n;
-                result = false;
-                for (size_t k = j; k <= limit && !result; ++k) result = match(i + 1, k);
-                break;
-            }
-            case u'>':
-                result = (j == n || text[j] == u'.') ? match(i + 1, j) : match(i + 1, j + 1);
-                break;
-            case u'"':
-                result = j == n ? match(i + 1, j) : (text[j] == u'.' && match(i + 1, j + 1));
-                break;
-            default: result = j < n && text[j] == expr[i] && match(i + 1, j + 1); break;
-            }
-        }
-        known = result;
-        return result;
-    };
-    return match(0, 0);
+    std::u16string expr = ignore_case ? Upcase(expression) : expression;
+    std::u16string text = name;
+    UNICODE_STRING e{USHORT(expr.size() * 2), USHORT(expr.size() * 2), expr.data()};
+    UNICODE_STRING n{USHORT(text.size() * 2), USHORT(text.size() * 2), text.data()};
+    return FsRtlIsNameInExpression(&e, &n, ignore_case ? TRUE : FALSE, nullptr) != FALSE;
 }
 
 // ------------------------------------------------------------ host directory walking
