@@ -7,6 +7,8 @@
 #include <hk/ntkernel.h>
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -233,6 +235,154 @@ bool FileExists(const std::string &path);
 // Where a path lives on the host ("" when it is not on a volume); existing
 // components are spelt as on the host, missing ones as given.
 std::string HostPathOf(const std::string &path);
+
+// ------------------------------------------------------------ processes and threads
+//
+// The machine's processes, as the NT API shows them (ZwOpenProcess,
+// ZwQueryInformationProcess, ZwQuerySystemInformation, tokens, the PEB read
+// while attached). After Reset the idle process (0) and System (4) exist.
+// Process and thread ids come from one space, multiples of 4; an id stays
+// taken while any object holding it lives, even after its process or thread
+// has ended, as on Windows, and the machine never hands it out again until
+// then. A test may name an id itself once it is free.
+//
+// Every simulated process's memory lives in the host's one address space.
+// What was made unmapped faults when read; anything else stays readable
+// without attaching, which Windows would not allow and the host cannot catch.
+
+// What a process's primary token answers.
+struct TokenSpec {
+    std::string user_sid = "S-1-5-18";                 // TokenUser, as S-1-... text
+    // TokenStatistics, reported as given: by default a primary token of the
+    // system logon session (AuthenticationId 0x3e7).
+    TOKEN_STATISTICS statistics{{0x3e8, 0}, {0x3e7, 0}, {}, TokenPrimary, SecurityAnonymous, 0, 0, 0, 0, {0x3e9, 0}};
+    bool virtualization_enabled = false;               // TokenVirtualizationEnabled
+    std::string integrity_level_sid = "S-1-16-16384";  // TokenIntegrityLevel (system)
+    bool elevated = true;                              // TokenElevation
+    TOKEN_ELEVATION_TYPE elevation_type = TokenElevationTypeDefault;  // TokenElevationType
+    // Injected failures: ZwOpenProcessTokenEx fails with open_status unless
+    // it is STATUS_SUCCESS; ZwQueryInformationToken with the status given
+    // for its class.
+    NTSTATUS open_status = STATUS_SUCCESS;
+    std::map<TOKEN_INFORMATION_CLASS, NTSTATUS> query_failures;
+};
+
+struct ThreadSpec {
+    uint32_t id = 0;                     // 0: the machine picks a free id
+    std::optional<int64_t> create_time;  // unset: the clock when the thread is made
+    int64_t kernel_time = 0;             // ThreadTimes and the process's totals, 100 ns units
+    int64_t user_time = 0;
+    std::map<THREADINFOCLASS, NTSTATUS> query_failures;  // ZwQueryInformationThread fails so
+};
+
+// What a process's environment block looks like.
+enum class PebKind {
+    Present,       // a PEB with its process parameters
+    None,          // no PEB at all: PebBaseAddress is null, as for System
+    NoParameters,  // a PEB whose ProcessParameters is null
+};
+
+// Parts of the PEB's memory that are not mapped: reading them faults.
+struct UnmappedMemory {
+    bool parameters = false;    // the RTL_USER_PROCESS_PARAMETERS block
+    bool image_path = false;    // the ImagePathName text
+    bool command_line = false;  // the CommandLine text
+};
+
+struct ProcessSpec {
+    uint32_t id = 0;                     // 0: the machine picks a free id
+    uint32_t parent_id = 4;              // InheritedFromUniqueProcessId
+    std::optional<int64_t> create_time;  // unset: the clock now; 0: none, as System reports
+    // ProcessImageFileName: a device path such as
+    // \Device\HarddiskVolume2\Windows\System32\notepad.exe. The process
+    // list's ImageName is its last component.
+    std::string image_file_name;
+    TokenSpec token;
+    // Self-relative, returned by ZwQuerySecurityObject. Empty: owner
+    // S-1-5-18, group S-1-5-18 and an empty DACL.
+    std::vector<uint8_t> security_descriptor;
+    NTSTATUS security_query_status = STATUS_SUCCESS;  // ZwQuerySecurityObject fails with it when set
+    PebKind peb = PebKind::Present;
+    std::string image_path_name;  // ProcessParameters->ImagePathName (usually a Win32 path)
+    std::string command_line;     // ProcessParameters->CommandLine
+    // A normalised block holds pointers; one that is not holds each
+    // string's offset from the block in its Buffer, as a new process's
+    // block does until the loader normalises it.
+    bool normalized = true;
+    UnmappedMemory unmapped;
+    uint32_t session_id = 1;
+    std::vector<ThreadSpec> threads = {ThreadSpec{}};  // one thread unless told
+    std::map<PROCESSINFOCLASS, NTSTATUS> query_failures;  // ZwQueryInformationProcess fails so
+};
+
+constexpr uint32_t kIdleProcessId = 0;
+constexpr uint32_t kSystemProcessId = 4;
+
+// Creates a running process and returns its id. Throws
+// std::invalid_argument when the spec cannot be: an id that is taken or not
+// a multiple of 4, a SID that is not S-1-... text, a security descriptor
+// that is not a valid self-relative one.
+uint32_t CreateProcess(const ProcessSpec &spec);
+// Adds a running thread to a running process; returns its id.
+uint32_t CreateThread(uint32_t process_id, const ThreadSpec &spec = {});
+// Ends a thread. When it was its process's last running thread, the process
+// exits with the same status, as on Windows. False if no such running thread.
+bool ExitThread(uint32_t process_id, uint32_t thread_id, NTSTATUS exit_status);
+// Ends a process: its running threads end with the status, its address
+// space goes (reading its PEB faults from then on), its object is
+// signalled, and it leaves the process list. Its id stays taken while its
+// object is referenced. False if no such running process.
+bool ExitProcess(uint32_t process_id, NTSTATUS exit_status);
+// Processes that are running, idle and System included, in id order.
+std::vector<uint32_t> RunningProcesses();
+// True while a process or thread object holds the id.
+bool IdInUse(uint32_t id);
+// The PEB's address in the process's memory (null when it has none).
+PPEB ProcessPeb(uint32_t process_id);
+// The process's object, for tests that compare what PsGetCurrentProcess
+// or ObReferenceObjectByHandle give (null when the id is not held by a
+// process).
+PEPROCESS ProcessObject(uint32_t process_id);
+
+// Failure injection after creation; STATUS_SUCCESS clears.
+void FailProcessQuery(uint32_t process_id, PROCESSINFOCLASS information_class, NTSTATUS status);
+void FailThreadQuery(uint32_t process_id, uint32_t thread_id, THREADINFOCLASS information_class, NTSTATUS status);
+void FailTokenOpen(uint32_t process_id, NTSTATUS status);
+void FailTokenQuery(uint32_t process_id, TOKEN_INFORMATION_CLASS information_class, NTSTATUS status);
+void FailSecurityQuery(uint32_t process_id, NTSTATUS status);
+void FailSystemQuery(SYSTEM_INFORMATION_CLASS information_class, NTSTATUS status);
+
+// Runs at the start of every SystemProcessInformation query, before the
+// answer is built: a test makes the list grow between a caller's size query
+// and its real query (the call number counts from 1). Reset clears it.
+void OnProcessListQuery(std::function<void(int call)> hook);
+// SYSTEM_TIMEOFDAY_INFORMATION.BootTimeBias (0 after Reset).
+void SetBootTimeBias(uint64_t bias);
+
+// Runs the calling host thread as thread `thread_id` of process
+// `process_id` until the guard goes: PsGetCurrentProcessId,
+// PsGetCurrentThreadId, PsGetCurrentProcess and KeGetCurrentThread answer
+// for it. Without a guard a host thread is a thread of System. A thread id
+// of 0 means the process's first running thread. Throws
+// std::invalid_argument for a thread that is not running, or that another
+// host thread is running as. Guards nest.
+class AsThread {
+public:
+    AsThread(uint32_t process_id, uint32_t thread_id = 0);
+    ~AsThread();
+    AsThread(const AsThread &) = delete;
+    AsThread &operator=(const AsThread &) = delete;
+
+private:
+    void *previous_;
+    void *thread_;
+};
+
+template <typename Fn>
+void RunAs(uint32_t process_id, uint32_t thread_id, Fn &&fn) {
+    AsThread as(process_id, thread_id);
+    fn();
+}
 
 // ------------------------------------------------------------ text helpers
 
