@@ -58,7 +58,7 @@ ThreadState &CurrentThreadState();
 
 // ------------------------------------------------------------ objects and handles
 
-enum class ObjectKind { Thread, Process, Key, File, SymbolicLink, Directory, Event, Device, Driver };
+enum class ObjectKind { Thread, Process, Token, Key, File, SymbolicLink, Directory, Event, Device, Driver };
 const char *ObjectKindName(ObjectKind kind);
 
 // Registers a kernel object with one reference. `destroy` runs when the last
@@ -68,6 +68,9 @@ void ObjectCreated(void *object, ObjectKind kind, std::function<void(void *)> de
 // verifier complaint.
 long ObjectReference(void *object);
 long ObjectDereference(void *object);
+// Takes a reference only if the object is still alive (its last reference
+// not yet gone); no complaint when it is not, as ObReferenceObjectSafe.
+bool ObjectTryReference(void *object);
 bool ObjectKnown(void *object, ObjectKind *kind = nullptr);
 
 // Opens a handle to `object` (takes a reference). `on_close` runs when the
@@ -84,6 +87,10 @@ size_t OpenHandleCount();
 int64_t NowSystemTime();
 
 // ------------------------------------------------------------ strings
+
+// The tag of the strings the run-time library allocates for its callers,
+// which RtlFreeUnicodeString frees.
+constexpr ULONG kStringTag = ULONG('S') | ULONG('t') << 8 | ULONG('r') << 16 | ULONG('g') << 24;
 
 std::u16string ToU16(const std::string &utf8);
 std::string ToUtf8(const std::u16string &text);

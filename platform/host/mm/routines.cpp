@@ -39,6 +39,9 @@ RoutineState &State() {
             {"ExAllocatePoolWithTag", reinterpret_cast<void *>(&ExAllocatePoolWithTag)},
             {"ExFreePoolWithTag", reinterpret_cast<void *>(&ExFreePoolWithTag)},
             {"ZwQueryValueKey", reinterpret_cast<void *>(&ZwQueryValueKey)},
+            {"ZwQueryInformationProcess", reinterpret_cast<void *>(&ZwQueryInformationProcess)},
+            {"ZwQueryInformationThread", reinterpret_cast<void *>(&ZwQueryInformationThread)},
+            {"ZwOpenProcessTokenEx", reinterpret_cast<void *>(&ZwOpenProcessTokenEx)},
         };
         RegisterReset([s] {
             std::lock_guard guard(s->lock);

@@ -55,6 +55,7 @@ const char *ObjectKindName(ObjectKind kind) {
     switch (kind) {
     case ObjectKind::Thread: return "Thread";
     case ObjectKind::Process: return "Process";
+    case ObjectKind::Token: return "Token";
     case ObjectKind::Key: return "Key";
     case ObjectKind::File: return "File";
     case ObjectKind::SymbolicLink: return "SymbolicLink";
@@ -103,6 +104,12 @@ long ObjectDereference(void *object) {
     // Outside the lock: destroying may close handles or drop other references.
     if (destroy) destroy(object);
     return 0;
+}
+
+bool ObjectTryReference(void *object) {
+    ObState &ob = Ob();
+    std::lock_guard guard(ob.lock);
+    return ReferenceLocked(ob, object);
 }
 
 bool ObjectKnown(void *object, ObjectKind *kind) {

@@ -9,25 +9,21 @@
 // of hostkernel's own, caught by the thread's trampoline; library frames in
 // between are compiled without exceptions but carry unwind tables, so the
 // unwind passes through them.
-#include "ke/dispatcher.h"
+#include "ps/ps.h"
 
 #include <cstdlib>
 #include <system_error>
 
 namespace hk::detail {
 
-struct HostThread {
-    DISPATCHER_HEADER Header;  // first: PKTHREAD and PETHREAD point here
-    HANDLE id = nullptr;
-    bool system_thread = false;  // made by PsCreateSystemThread
-    KPRIORITY priority = 8;      // what PsCreateSystemThread gives a thread
-    LONG base_increment = 0;
-    NTSTATUS exit_status = STATUS_PENDING;
-    int attach_depth = 0;
-    PRKPROCESS attached_process = nullptr;
-};
-
 void ThreadTerminated(HostThread *thread) {
+    {
+        std::lock_guard guard(Ps().lock);
+        if (thread->running) {
+            thread->running = false;
+            thread->exit_time = NowSystemTime();
+        }
+    }
     {
         KeState &ke = Ke();
         std::lock_guard guard(ke.lock);
@@ -37,18 +33,15 @@ void ThreadTerminated(HostThread *thread) {
     ObjectDereference(thread);
 }
 
+HostProcess *CurrentOwnProcess() {
+    return reinterpret_cast<HostThread *>(KeGetCurrentThread())->process;
+}
+
 }  // namespace hk::detail
 
 using namespace hk::detail;
 
 namespace {
-
-constexpr ULONG_PTR kSystemProcessId = 4;
-
-struct HostProcess {
-    DISPATCHER_HEADER Header;
-    HANDLE id;
-};
 
 // Object types are compared by address only; a name helps in a debugger.
 struct ObjectTypeTag {
@@ -62,14 +55,37 @@ struct ThreadTermination {
     NTSTATUS status;
 };
 
+// A kernel thread of the System process: one made by PsCreateSystemThread,
+// or a host thread that entered the kernel (the test's main thread,
+// hostkernel's own workers). Its id comes from the machine's client ids.
 HostThread *NewThread(bool system_thread) {
-    // Thread ids come from the same space as process ids, after System's 4.
-    static std::atomic<ULONG_PTR> next_id{8};
     auto *thread = new HostThread;
     InitializeHeader(&thread->Header, kThreadObject, 0);
-    thread->id = reinterpret_cast<HANDLE>(next_id.fetch_add(4));
     thread->system_thread = system_thread;
-    ObjectCreated(thread, ObjectKind::Thread, [](void *object) { delete static_cast<HostThread *>(object); });
+    thread->process = SystemProcess();
+    thread->create_time = NowSystemTime();
+    PsState &ps = Ps();
+    std::lock_guard guard(ps.lock);
+    while (ps.cids.count(ps.next_id)) ps.next_id += 4;
+    const ULONG_PTR id = ps.next_id;
+    ps.next_id += 4;
+    thread->id = reinterpret_cast<HANDLE>(id);
+    ps.cids[id] = ClientIdEntry{thread, false};
+    thread->process->threads.push_back(thread);
+    ObjectReference(thread->process);
+    ObjectCreated(thread, ObjectKind::Thread, [](void *object) {
+        auto *t = static_cast<HostThread *>(object);
+        HostProcess *process = t->process;
+        {
+            std::lock_guard guard(Ps().lock);
+            Ps().cids.erase(reinterpret_cast<ULONG_PTR>(t->id));
+            std::erase(process->threads, t);
+            process->gone_kernel_time += t->kernel_time;
+            process->gone_user_time += t->user_time;
+        }
+        delete t;
+        ObjectDereference(process);
+    });
     return thread;
 }
 
@@ -111,22 +127,10 @@ void SystemThreadMain(HostThread *thread, PKSTART_ROUTINE routine, PVOID context
                   unsigned(state.irql), state.kernel_apc_disable);
     state.thread = nullptr;
     {
-        std::lock_guard guard(Ke().lock);
+        std::lock_guard guard(Ps().lock);
         thread->exit_status = status;
     }
     ThreadTerminated(thread);
-}
-
-HostProcess &SystemProcess() {
-    static HostProcess *process = [] {
-        static HostProcess system{};
-        InitializeHeader(&system.Header, kProcessObject, 0);
-        system.id = reinterpret_cast<HANDLE>(kSystemProcessId);
-        // System never ends: its one reference is never dropped.
-        ObjectCreated(&system, ObjectKind::Process, [](void *) {});
-        return &system;
-    }();
-    return *process;
 }
 
 }  // namespace
@@ -164,7 +168,7 @@ NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess, P
     }
     *ThreadHandle = handle;
     if (ClientId != nullptr) {
-        ClientId->UniqueProcess = reinterpret_cast<HANDLE>(kSystemProcessId);
+        ClientId->UniqueProcess = reinterpret_cast<HANDLE>(thread->process->id);
         ClientId->UniqueThread = thread->id;
     }
     return STATUS_SUCCESS;
@@ -183,9 +187,18 @@ NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS ExitStatus) {
 
 HANDLE NTAPI PsGetCurrentThreadId(VOID) { return Current()->id; }
 
-HANDLE NTAPI PsGetCurrentProcessId(VOID) { return reinterpret_cast<HANDLE>(kSystemProcessId); }
+// The thread's own process, even while it is attached to another: the
+// process id comes from the thread's client id, as on Windows.
+HANDLE NTAPI PsGetCurrentProcessId(VOID) { return reinterpret_cast<HANDLE>(Current()->process->id); }
 
-PEPROCESS NTAPI PsGetCurrentProcess(VOID) { return reinterpret_cast<PEPROCESS>(&SystemProcess()); }
+// The process whose address space the thread is in: the one it is attached
+// to, if any, as IoGetCurrentProcess answers on Windows.
+PEPROCESS NTAPI PsGetCurrentProcess(VOID) {
+    HostThread *thread = Current();
+    return reinterpret_cast<PEPROCESS>(thread->attached_process != nullptr
+                                           ? static_cast<void *>(thread->attached_process)
+                                           : static_cast<void *>(thread->process));
+}
 
 LONG NTAPI KeSetBasePriorityThread(PKTHREAD Thread, LONG Increment) {
     HostThread *thread = FromKThread(Thread, "KeSetBasePriorityThread");
@@ -206,10 +219,25 @@ KPRIORITY NTAPI KeSetPriorityThread(PKTHREAD Thread, KPRIORITY Priority) {
     return previous;
 }
 
-// There is one process on the host, so attaching changes nothing but the
-// bookkeeping that pairs attach with detach.
+// Attaching moves the thread into the process's address space: from then
+// until the matching detach PsGetCurrentProcess answers that process (while
+// PsGetCurrentProcessId still answers the thread's own), and the caller may
+// read the process's PEB through its pointers, inside the fault guard.
+// Every simulated process lives in the host's one address space, so what
+// attaching really changes is which process the kernel says is current;
+// memory the machine made unmapped faults whether attached or not, and
+// reading another process's memory without attaching is not caught.
 VOID NTAPI KeStackAttachProcess(PRKPROCESS Process, PRKAPC_STATE ApcState) {
     CheckIrql(APC_LEVEL, "KeStackAttachProcess");
+    ObjectKind kind;
+    if (Process == nullptr || !ObjectKnown(Process, &kind) || kind != ObjectKind::Process) {
+        Complainf("KeStackAttachProcess: %p is not a process object", static_cast<void *>(Process));
+        return;
+    }
+    if (ApcState == nullptr) {
+        Complain("KeStackAttachProcess: ApcState is null");
+        return;
+    }
     HostThread *thread = Current();
     ApcState->Process = thread->attached_process;
     thread->attached_process = Process;
