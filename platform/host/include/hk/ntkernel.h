@@ -1214,7 +1214,7 @@ NTKERNELAPI NTSTATUS NTAPI RtlCopySid(ULONG DestinationSidLength, PSID Destinati
 NTKERNELAPI NTSTATUS NTAPI RtlConvertSidToUnicodeString(PUNICODE_STRING UnicodeString, PSID Sid,
                                                         BOOLEAN AllocateDestinationString);
 
-typedef enum _TOKEN_INFORMATION_CLASS {
+typedef enum _TOKEN_INFORMATION_CLASS : int {
     TokenUser = 1,
     TokenGroups,
     TokenPrivileges,
@@ -1353,6 +1353,9 @@ NTKERNELAPI NTSTATUS NTAPI ZwQuerySecurityObject(HANDLE Handle, SECURITY_INFORMA
 
 // ---------------------------------------------------------------- processes and threads
 //
+// The information classes are ints underneath, so that a class this header
+// does not name (a newer system's) is still a value a caller can pass.
+//
 // The process environment block and its parameter block, as winternl.h
 // documents them (the fields nobody documents are reserved arrays), so that
 // the offsets are Windows' own for the build's pointer size: ProcessParameters
@@ -1425,7 +1428,7 @@ static_assert(offsetof(RTL_USER_PROCESS_PARAMETERS, ImagePathName) == (sizeof(vo
 static_assert(offsetof(RTL_USER_PROCESS_PARAMETERS, CommandLine) == (sizeof(void *) == 8 ? 0x70 : 0x40),
               "RTL_USER_PROCESS_PARAMETERS layout");
 
-typedef enum _PROCESSINFOCLASS {
+typedef enum _PROCESSINFOCLASS : int {
     ProcessBasicInformation,
     ProcessQuotaLimits,
     ProcessIoCounters,
@@ -1480,7 +1483,7 @@ typedef enum _PROCESSINFOCLASS {
     MaxProcessInfoClass
 } PROCESSINFOCLASS;
 
-typedef enum _THREADINFOCLASS {
+typedef enum _THREADINFOCLASS : int {
     ThreadBasicInformation,
     ThreadTimes,
     ThreadPriority,
@@ -1568,7 +1571,7 @@ typedef NTSTATUS NTAPI ZW_OPEN_PROCESS_TOKEN_EX(HANDLE ProcessHandle, ACCESS_MAS
 // Not in the DDK; the layouts are those winternl.h and the native API's
 // public documentation give, for the build's pointer size.
 
-typedef enum _SYSTEM_INFORMATION_CLASS {
+typedef enum _SYSTEM_INFORMATION_CLASS : int {
     SystemBasicInformation = 0,
     SystemProcessorInformation = 1,
     SystemPerformanceInformation = 2,

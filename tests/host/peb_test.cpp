@@ -1,0 +1,196 @@
+// A process's environment block as a driver reads it: attached to the
+// process, through the pointers, inside the fault guard. The layout is
+// Windows' for the build's pointer size; what the machine made unmapped
+// faults, and the guard turns the fault into STATUS_ACCESS_VIOLATION.
+#include "process_helpers.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+// The library's own declaration lives in platform/nt.h, which these tests do
+// not see.
+extern "C" BOOLEAN NTAPI PlatformGuardedCall(void (*Routine)(PVOID), PVOID Context, NTSTATUS *ExceptionCode);
+
+using namespace host_test;
+
+namespace {
+
+class Peb : public MachineTest {};
+
+// What a driver copies out of the PEB. The guarded routine owns nothing
+// that a fault would leave behind, as kernel code in an __try block: it
+// copies into buffers that live outside it.
+struct PebRead {
+    PPEB peb = nullptr;
+    bool has_parameters = false;
+    ULONG flags = 0;
+    WCHAR image_path[256] = {};
+    WCHAR command_line[256] = {};
+    ULONG_PTR image_path_buffer = 0;
+};
+
+void Copy(const UNICODE_STRING &s, const RTL_USER_PROCESS_PARAMETERS *parameters, WCHAR (&out)[256]) {
+    // Before normalisation Buffer is an offset from the parameter block.
+    const PWCH text = (parameters->Flags & RTL_USER_PROC_PARAMS_NORMALIZED)
+                          ? s.Buffer
+                          : reinterpret_cast<PWCH>(reinterpret_cast<ULONG_PTR>(parameters) +
+                                                   reinterpret_cast<ULONG_PTR>(s.Buffer));
+    const size_t length = std::min<size_t>(s.Length / sizeof(WCHAR), 255);
+    for (size_t i = 0; i < length; ++i) out[i] = text[i];
+    out[length] = 0;
+}
+
+VOID NTAPI ReadPeb(PVOID context) {
+    auto *read = static_cast<PebRead *>(context);
+    const PRTL_USER_PROCESS_PARAMETERS parameters = read->peb->ProcessParameters;
+    read->has_parameters = parameters != nullptr;
+    if (parameters == nullptr) return;
+    read->flags = parameters->Flags;
+    read->image_path_buffer = reinterpret_cast<ULONG_PTR>(parameters->ImagePathName.Buffer);
+    Copy(parameters->ImagePathName, parameters, read->image_path);
+    Copy(parameters->CommandLine, parameters, read->command_line);
+}
+
+// Opens the process, finds its PEB, attaches and reads inside the guard, as
+// the library does.
+NTSTATUS ReadProcessPeb(uint32_t process_id, PebRead *read) {
+    ProcessHandle process(process_id);
+    EXPECT_EQ(process.status(), STATUS_SUCCESS);
+    read->peb = BasicInformation(process.get()).PebBaseAddress;
+    if (read->peb == nullptr) return STATUS_NOT_FOUND;
+    PVOID object = nullptr;
+    EXPECT_EQ(ObReferenceObjectByHandle(process.get(), PROCESS_VM_READ, *PsProcessType, KernelMode, &object, nullptr),
+              STATUS_SUCCESS);
+    KAPC_STATE apc;
+    KeStackAttachProcess(static_cast<PRKPROCESS>(object), &apc);
+    NTSTATUS code = STATUS_SUCCESS;
+    const BOOLEAN completed = PlatformGuardedCall(ReadPeb, read, &code);
+    KeUnstackDetachProcess(&apc);
+    ObfDereferenceObject(object);
+    return completed ? STATUS_SUCCESS : code;
+}
+
+hk::ProcessSpec Spec() {
+    hk::ProcessSpec spec;
+    spec.image_file_name = "\\Device\\HarddiskVolume2\\Tools\\copy.exe";
+    spec.image_path_name = "C:\\Tools\\copy.exe";
+    spec.command_line = "copy.exe /y a.txt \"b c.txt\"";
+    return spec;
+}
+
+TEST_F(Peb, TheLayoutIsWindowsForThePointerSize) {
+    const bool x64 = sizeof(void *) == 8;
+    EXPECT_EQ(offsetof(PEB, BeingDebugged), 2u);
+    EXPECT_EQ(offsetof(PEB, Ldr), x64 ? 0x18u : 0x0Cu);
+    EXPECT_EQ(offsetof(PEB, ProcessParameters), x64 ? 0x20u : 0x10u);
+    EXPECT_EQ(offsetof(RTL_USER_PROCESS_PARAMETERS, MaximumLength), 0u);
+    EXPECT_EQ(offsetof(RTL_USER_PROCESS_PARAMETERS, Length), 4u);
+    EXPECT_EQ(offsetof(RTL_USER_PROCESS_PARAMETERS, Flags), 8u);
+    EXPECT_EQ(offsetof(RTL_USER_PROCESS_PARAMETERS, ImagePathName), x64 ? 0x60u : 0x38u);
+    EXPECT_EQ(offsetof(RTL_USER_PROCESS_PARAMETERS, CommandLine), x64 ? 0x70u : 0x40u);
+    EXPECT_EQ(RTL_USER_PROC_PARAMS_NORMALIZED, 1);
+}
+
+// Normalised or not, the parameters lead to the same text; not normalised,
+// the Buffer fields hold offsets from the block.
+TEST_F(Peb, TheParametersReadTheSameNormalisedOrNot) {
+    for (bool normalized : {true, false}) {
+        SCOPED_TRACE(normalized);
+        hk::ProcessSpec spec = Spec();
+        spec.normalized = normalized;
+        const uint32_t id = hk::CreateProcess(spec);
+        PebRead read;
+        ASSERT_EQ(ReadProcessPeb(id, &read), STATUS_SUCCESS);
+        EXPECT_EQ(read.peb, hk::ProcessPeb(id));
+        ASSERT_TRUE(read.has_parameters);
+        EXPECT_EQ(read.flags & RTL_USER_PROC_PARAMS_NORMALIZED, normalized ? 1u : 0u);
+        EXPECT_EQ(hk::Utf8(read.image_path), "C:\\Tools\\copy.exe");
+        EXPECT_EQ(hk::Utf8(read.command_line), "copy.exe /y a.txt \"b c.txt\"");
+        const ULONG_PTR block = reinterpret_cast<ULONG_PTR>(read.peb->ProcessParameters);
+        if (normalized)
+            EXPECT_GT(read.image_path_buffer, block) << "a pointer";
+        else
+            EXPECT_LT(read.image_path_buffer, ULONG_PTR(read.peb->ProcessParameters->Length)) << "an offset within the block";
+    }
+}
+
+TEST_F(Peb, AProcessMayHaveNoPebOrAPebWithoutParameters) {
+    hk::ProcessSpec spec = Spec();
+    spec.peb = hk::PebKind::None;
+    PebRead read;
+    EXPECT_EQ(ReadProcessPeb(hk::CreateProcess(spec), &read), STATUS_NOT_FOUND) << "PebBaseAddress is null";
+    spec.peb = hk::PebKind::NoParameters;
+    read = PebRead{};
+    ASSERT_EQ(ReadProcessPeb(hk::CreateProcess(spec), &read), STATUS_SUCCESS);
+    EXPECT_FALSE(read.has_parameters);
+}
+
+// Memory made unmapped faults when read; the guard catches it.
+TEST_F(Peb, UnmappedMemoryFaultsInsideTheGuard) {
+    const struct {
+        const char *name;
+        hk::UnmappedMemory unmapped;
+    } cases[] = {
+        {"the parameter block", {.parameters = true}},
+        {"the image path", {.image_path = true}},
+        {"the command line", {.command_line = true}},
+    };
+    for (bool normalized : {true, false}) {
+        for (const auto &c : cases) {
+            SCOPED_TRACE(testing::Message() << c.name << (normalized ? ", normalised" : ", not normalised"));
+            hk::ProcessSpec spec = Spec();
+            spec.normalized = normalized;
+            spec.unmapped = c.unmapped;
+            PebRead read;
+            EXPECT_EQ(ReadProcessPeb(hk::CreateProcess(spec), &read), STATUS_ACCESS_VIOLATION);
+            if (!c.unmapped.parameters) EXPECT_TRUE(read.has_parameters) << "the block itself was readable";
+        }
+    }
+}
+
+// An ended process's address space is gone: its PEB faults from then on.
+TEST_F(Peb, AnEndedProcesssPebFaults) {
+    const uint32_t id = hk::CreateProcess(Spec());
+    ProcessHandle kept(id);
+    PebRead read;
+    ASSERT_EQ(ReadProcessPeb(id, &read), STATUS_SUCCESS);
+    hk::ExitProcess(id, 0);
+    read = PebRead{};
+    EXPECT_EQ(ReadProcessPeb(id, &read), STATUS_ACCESS_VIOLATION);
+}
+
+// The guard keeps working while attached and after many faults; attaching
+// nests and comes back.
+TEST_F(Peb, AttachesNestAndFaultsLeaveTheThreadAsItWas) {
+    hk::ProcessSpec spec = Spec();
+    spec.unmapped.command_line = true;
+    const uint32_t faulting = hk::CreateProcess(spec);
+    const uint32_t fine = hk::CreateProcess(Spec());
+    for (int round = 0; round < 20; ++round) {
+        PebRead read;
+        EXPECT_EQ(ReadProcessPeb(faulting, &read), STATUS_ACCESS_VIOLATION);
+        read = PebRead{};
+        EXPECT_EQ(ReadProcessPeb(fine, &read), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(PsGetCurrentProcess(), hk::ProcessObject(4));
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    KAPC_STATE outer, inner;
+    KeStackAttachProcess(reinterpret_cast<PRKPROCESS>(hk::ProcessObject(fine)), &outer);
+    KeStackAttachProcess(reinterpret_cast<PRKPROCESS>(hk::ProcessObject(faulting)), &inner);
+    EXPECT_EQ(PsGetCurrentProcess(), hk::ProcessObject(faulting));
+    KeUnstackDetachProcess(&inner);
+    EXPECT_EQ(PsGetCurrentProcess(), hk::ProcessObject(fine));
+    KeUnstackDetachProcess(&outer);
+    EXPECT_EQ(PsGetCurrentProcess(), hk::ProcessObject(4));
+}
+
+TEST_F(Peb, AttachingToWhatIsNotAProcessIsAComplaint) {
+    int not_a_process = 0;
+    KAPC_STATE apc;
+    KeStackAttachProcess(reinterpret_cast<PRKPROCESS>(&not_a_process), &apc);
+    ExpectComplaint("not a process object");
+    KeUnstackDetachProcess(&apc);
+    ExpectComplaint("without a matching KeStackAttachProcess");
+}
+
+}  // namespace
