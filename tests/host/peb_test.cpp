@@ -5,7 +5,9 @@
 #include "process_helpers.h"
 
 #include <algorithm>
+#include <atomic>
 #include <stdexcept>
+#include <thread>
 
 // The library's own declaration lives in platform/nt.h, which these tests do
 // not see.
@@ -191,6 +193,62 @@ TEST_F(Peb, AttachingToWhatIsNotAProcessIsAComplaint) {
     ExpectComplaint("not a process object");
     KeUnstackDetachProcess(&apc);
     ExpectComplaint("without a matching KeStackAttachProcess");
+}
+
+class PebConcurrency : public MachineTest {};
+
+// Threads of several processes read their own or each other's PEB attached
+// and guarded while the processes end under them: every read either sees
+// the parameters whole or faults, never anything else.
+TEST_F(PebConcurrency, ReadsRaceExitsAndEitherSucceedOrFault) {
+    constexpr int kProcesses = 6;
+    std::vector<uint32_t> ids;
+    for (int i = 0; i < kProcesses; ++i) {
+        hk::ProcessSpec spec = Spec();
+        spec.normalized = i % 2 == 0;
+        spec.threads = {hk::ThreadSpec{}, hk::ThreadSpec{}};
+        ids.push_back(hk::CreateProcess(spec));
+    }
+    std::atomic<int> reads{0}, faults{0}, done{0};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 3; ++r) {
+        readers.emplace_back([&, r] {
+            hk::RunAs(ids[r], 0, [&] {
+                for (int round = 0; round < 200; ++round) {
+                    PebRead read;
+                    ProcessHandle process(ids[(r + round) % kProcesses]);
+                    if (process.status() != STATUS_SUCCESS) continue;
+                    const PPEB peb = BasicInformation(process.get()).PebBaseAddress;
+                    PVOID object = nullptr;
+                    ASSERT_EQ(ObReferenceObjectByHandle(process.get(), 0, *PsProcessType, KernelMode, &object, nullptr),
+                              STATUS_SUCCESS);
+                    read.peb = peb;
+                    KAPC_STATE apc;
+                    KeStackAttachProcess(static_cast<PRKPROCESS>(object), &apc);
+                    NTSTATUS code = STATUS_SUCCESS;
+                    const BOOLEAN completed = PlatformGuardedCall(ReadPeb, &read, &code);
+                    KeUnstackDetachProcess(&apc);
+                    ObfDereferenceObject(object);
+                    if (completed) {
+                        ++reads;
+                        EXPECT_EQ(hk::Utf8(read.image_path), "C:\\Tools\\copy.exe");
+                    } else {
+                        ++faults;
+                        EXPECT_EQ(code, STATUS_ACCESS_VIOLATION);
+                    }
+                }
+            });
+            ++done;
+        });
+    }
+    std::thread ender([&] {
+        while (reads < 30 && done < 3) std::this_thread::yield();
+        for (int i = kProcesses - 1; i >= 0; --i) hk::ExitProcess(ids[i], 0);
+    });
+    for (auto &reader : readers) reader.join();
+    ender.join();
+    EXPECT_GE(reads, 30);
+    EXPECT_EQ(hk::RunningProcesses(), (std::vector<uint32_t>{0, 4}));
 }
 
 }  // namespace

@@ -652,10 +652,12 @@ TEST_F(ProcessesConcurrency, QueriesRunWhileProcessesComeAndGo) {
     const size_t handles_before = hk::detail::OpenHandleCount();
     std::atomic<bool> stop{false};
     std::atomic<uint32_t> newest{4};
+    std::atomic<int> opened{0};
     std::vector<std::thread> workers;
     for (int w = 0; w < 2; ++w) {
         workers.emplace_back([&, w] {
-            for (int round = 0; round < 150; ++round) {
+            // Until the readers have had their turn, however the host schedules them.
+            for (int round = 0; round < 300 || (opened < 50 && round < 1000000); ++round) {
                 const uint32_t id = hk::CreateProcess(Notepad());
                 const uint32_t thread = hk::CreateThread(id);
                 newest = id;
@@ -670,6 +672,7 @@ TEST_F(ProcessesConcurrency, QueriesRunWhileProcessesComeAndGo) {
                 const uint32_t id = newest;
                 HANDLE handle = nullptr;
                 if (OpenProcessById(id, &handle) != STATUS_SUCCESS) continue;
+                ++opened;
                 PROCESS_BASIC_INFORMATION basic;
                 EXPECT_EQ(ZwQueryInformationProcess(handle, ProcessBasicInformation, &basic, sizeof basic, nullptr),
                           STATUS_SUCCESS);
@@ -693,6 +696,7 @@ TEST_F(ProcessesConcurrency, QueriesRunWhileProcessesComeAndGo) {
     workers[1].join();
     stop = true;
     for (size_t i = 2; i < workers.size(); ++i) workers[i].join();
+    EXPECT_GE(opened, 50);
     EXPECT_EQ(hk::RunningProcesses(), (std::vector<uint32_t>{0, 4}));
     EXPECT_EQ(hk::detail::OpenHandleCount(), handles_before);
 }

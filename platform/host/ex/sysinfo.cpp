@@ -53,7 +53,7 @@ std::vector<Record> ProcessList() {
             t.CreateTime.QuadPart = thread->create_time;
             t.ClientId.UniqueProcess = reinterpret_cast<HANDLE>(process->id);
             t.ClientId.UniqueThread = thread->id;
-            t.Priority = thread->priority;
+            t.Priority = thread->priority.load();
             t.BasePriority = 8;
             t.ThreadState = kThreadWaiting;
             t.WaitReason = UserRequest;

@@ -750,7 +750,7 @@ NTSTATUS NTAPI ZwQueryInformationThread(HANDLE ThreadHandle, THREADINFOCLASS Thr
             basic->ClientId.UniqueProcess = reinterpret_cast<HANDLE>(thread->process->id);
             basic->ClientId.UniqueThread = thread->id;
             basic->AffinityMask = 1;
-            basic->Priority = thread->priority;
+            basic->Priority = thread->priority.load();
             basic->BasePriority = 8;
         } else {
             auto *times = static_cast<KERNEL_USER_TIMES *>(ThreadInformation);

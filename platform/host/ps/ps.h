@@ -3,10 +3,11 @@
 // the machine's processes.
 //
 // Locking. Ps().lock guards everything below that is not immutable after
-// creation. It may be held while the object manager's lock is taken (to
-// reference an object found in the client id table), never the other way
-// round, and never while the dispatcher lock is taken: signalling an ending
-// thread or process happens after it is released.
+// creation. While it is held the object manager's lock may be taken (to
+// reference an object found in the client id table), the clock read and a
+// complaint made, all of which take no other lock; the dispatcher lock is
+// never taken under it: an ending thread or process is signalled after it
+// is released. Nothing takes Ps().lock while holding another lock.
 #pragma once
 
 #include "ke/dispatcher.h"
@@ -27,7 +28,7 @@ struct HostThread {
     HostProcess *process = nullptr;  // set at birth; the thread holds a reference to it
     bool system_thread = false;      // made by PsCreateSystemThread
     bool simulated = false;          // a thread of the machine model, run only through hk::AsThread
-    KPRIORITY priority = 8;          // what PsCreateSystemThread gives a thread
+    std::atomic<KPRIORITY> priority{8};  // what PsCreateSystemThread gives a thread
     LONG base_increment = 0;
     // The thread's own; only the host thread running as it touches them.
     int attach_depth = 0;

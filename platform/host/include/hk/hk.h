@@ -269,7 +269,9 @@ struct TokenSpec {
 
 struct ThreadSpec {
     uint32_t id = 0;                     // 0: the machine picks a free id
-    std::optional<int64_t> create_time;  // unset: the clock when the thread is made
+    // Unset: the process's creation time for the threads a process is made
+    // with, the clock for a thread added later.
+    std::optional<int64_t> create_time;
     int64_t kernel_time = 0;             // ThreadTimes and the process's totals, 100 ns units
     int64_t user_time = 0;
     std::map<THREADINFOCLASS, NTSTATUS> query_failures;  // ZwQueryInformationThread fails so
