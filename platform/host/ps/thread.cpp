@@ -3,7 +3,9 @@
 // birth, others (the test's main thread, hostkernel's own workers) lazily.
 // A thread object is a dispatcher object, signalled when the thread ends,
 // and a referenced object: the running thread holds one reference of its
-// own, dropped as it ends.
+// own, dropped as it ends. These are System's threads; the threads of the
+// machine model's other processes are made in ps/process.cpp, and a host
+// thread acts as one of them only inside hk::AsThread.
 //
 // PsTerminateSystemThread must not return into the caller. It throws a type
 // of hostkernel's own, caught by the thread's trampoline; library frames in
