@@ -209,11 +209,17 @@ TEST_F(PebConcurrency, ReadsRaceExitsAndEitherSucceedOrFault) {
         spec.threads = {hk::ThreadSpec{}, hk::ThreadSpec{}};
         ids.push_back(hk::CreateProcess(spec));
     }
+    // The readers are threads of a process of their own, which stays.
+    hk::ProcessSpec reader_spec = Spec();
+    reader_spec.threads = {};
+    const uint32_t reader_process = hk::CreateProcess(reader_spec);
+    std::vector<uint32_t> reader_threads;
+    for (int r = 0; r < 3; ++r) reader_threads.push_back(hk::CreateThread(reader_process));
     std::atomic<int> reads{0}, faults{0}, done{0};
     std::vector<std::thread> readers;
     for (int r = 0; r < 3; ++r) {
         readers.emplace_back([&, r] {
-            hk::RunAs(ids[r], 0, [&] {
+            hk::RunAs(reader_process, reader_threads[r], [&] {
                 for (int round = 0; round < 200; ++round) {
                     PebRead read;
                     ProcessHandle process(ids[(r + round) % kProcesses]);
@@ -248,7 +254,7 @@ TEST_F(PebConcurrency, ReadsRaceExitsAndEitherSucceedOrFault) {
     for (auto &reader : readers) reader.join();
     ender.join();
     EXPECT_GE(reads, 30);
-    EXPECT_EQ(hk::RunningProcesses(), (std::vector<uint32_t>{0, 4}));
+    EXPECT_EQ(hk::RunningProcesses(), (std::vector<uint32_t>{0, 4, reader_process}));
 }
 
 }  // namespace
