@@ -9,8 +9,12 @@
 
 namespace hk::detail {
 
+// Every kernel routine asks for the current thread's state, most of them
+// several times. hostkernel is loaded with the program, never dlopen'ed
+// after start, so its thread-local storage can sit in the static block and
+// be reached without a call into the dynamic loader.
 ThreadState &CurrentThreadState() {
-    thread_local ThreadState state;
+    thread_local ThreadState state [[gnu::tls_model("initial-exec")]];
     return state;
 }
 

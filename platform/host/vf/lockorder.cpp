@@ -36,7 +36,7 @@ struct HeldLocks {
     HeldLock locks[kMaxHeldLocks];
     int count;
 };
-thread_local HeldLocks held;
+thread_local HeldLocks held [[gnu::tls_model("initial-exec")]];
 
 }  // namespace
 
