@@ -3,3 +3,4 @@
 
 UNICODE_STRING SystemRootDeviceString;
 LARGE_INTEGER MaxCacheSize = {{(ULONG)DefaultMaxCacheSize, (LONG)(DefaultMaxCacheSize >> 32)}};
+ULONG SystemProcessId;

@@ -13,3 +13,7 @@ extern UNICODE_STRING SystemRootDeviceString;
 // thread may read one half new and one old.
 constexpr ULONGLONG DefaultMaxCacheSize = 100ull << 20;  // 100 MiB
 extern LARGE_INTEGER MaxCacheSize;
+
+// The system process's id, recorded by phase 0: file work asked for by a
+// caller outside it goes to a system worker.
+extern ULONG SystemProcessId;

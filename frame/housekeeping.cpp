@@ -8,6 +8,7 @@
 #include "base/pool.h"
 #include "base/workqueue.h"
 #include "frame/frame.h"
+#include "process/table.h"
 
 VOID ArmHousekeepingTimer() {
     LARGE_INTEGER DueTime;
@@ -33,7 +34,8 @@ VOID NTAPI HousekeepingTimerRoutine(PKDPC Dpc, PVOID DeferredContext, PVOID Syst
 }
 
 VOID NTAPI ProcessSweepWork(PVOID Context) {
-    // The sweep of ended processes joins here with the process table.
+    // The table lock is released before the start lock is taken.
+    SweepProcessTable();
     RearmHousekeepingTimer();
     PoolFree(Context);
 }

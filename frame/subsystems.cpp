@@ -10,6 +10,7 @@
 #include "frame/config.h"
 #include "frame/frame.h"
 #include "frame/housekeeping.h"
+#include "process/table.h"
 #include "rules/store.h"
 
 namespace {
@@ -31,8 +32,8 @@ const LifecycleStep Phase0[] = {
     // The path is not tested: a failure leaves it null, and every key then
     // fails to open.
     {"service key path", Always<BuildServiceKeyPath>, FALSE, FALSE},
-    // The process table's globals and the digest cache table come here,
-    // in that order, before the configuration.
+    {"process table", InitializeProcessGlobals, TRUE, FALSE},
+    // The digest cache table comes here, before the configuration.
     {"configuration and policies", LoadConfigurationAndPolicies, FALSE, FALSE},
     // The event stream's phase 0 comes last; its failure fails the phase.
 };
@@ -47,9 +48,9 @@ const LifecycleStep Phase1[] = {
 };
 
 const LifecycleStep Phase1Stop[] = {
-    // The process table stops first, then the rule sets; the trusted images
-    // and the digest cache follow them.
+    {"process table", StopProcessTable, FALSE, TRUE},
     {"rule sets", ClearAllRuleSets, FALSE, TRUE},
+    // The trusted images and the digest cache follow them.
 };
 
 }  // namespace

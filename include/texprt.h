@@ -160,6 +160,47 @@ typedef struct _WhiteListState {
     ULONG ExemptMasks[4];
 } WhiteListState;
 
+/* ------------------------------------------------------------------ process table
+ * One entry per process, made the first time the process is seen. A monitor
+ * gets a pointer with one reference taken and gives it back with
+ * DereferenceProcess(entry->ProcessId, 0); while it holds the reference the
+ * entry stays where it is. Fields written after the entry was made change
+ * under the library's table lock, so a monitor reads those as hints. */
+
+/* The image paths of a process's ancestors, oldest first: a list of
+ * AncestorImageNode, guarded by its own resource. */
+typedef struct _AncestorImageList {
+    LIST_ENTRY Head;
+    ERESOURCE Lock;
+} AncestorImageList;
+
+/* ProcessFlags bits. */
+#define TEXPRT_PROCESS_PROTECTED 0x01 /* the process matches the process protection rules */
+#define TEXPRT_PROCESS_TRUSTED 0x02   /* marked by TcMarkProcessAsTrusted */
+
+typedef struct _ProcessEntry {
+    volatile LONG ReferenceCount; /* may go below zero if references do not balance */
+    PVOID ProcessObject;          /* the process object, referenced; may be null */
+    LARGE_INTEGER CreateTime;
+    ULONG ProcessId;
+    ULONG ParentProcessId;          /* 0 when it could not be read */
+    LARGE_INTEGER ParentCreateTime; /* set only for entries made by GetExisitingProcesses */
+    UNICODE_STRING ImageFileName;   /* kernel device path, NUL-terminated */
+    UNICODE_STRING Win32ImagePath;  /* as the process parameters state it; may be empty */
+    UNICODE_STRING CommandLine;     /* the arguments alone, or for an enumerated process the whole line */
+    UCHAR Terminated;
+    PFAST_MUTEX ActorLock;
+    ULONG ActorRecordSize;
+    ActorInformation *ActorRecord; /* the cached actor block, or null */
+    AncestorImageList AncestorImages;
+    UCHAR AncestorsCollected;
+    struct _WhiteListState OwnWhiteList;
+    struct _WhiteListState ParentWhiteList;
+    UCHAR WhiteListResolved;
+    ULONG ProcessFlags;
+    UCHAR ProtectionValue;
+} ProcessEntry;
+
 /* One context of a matched rule: the rule's list word and 16-byte rule id,
  * its flag byte (file rules only) and the event's ExclusionSeen at the time
  * the rule matched. */
@@ -397,6 +438,54 @@ TEXPRT_API NTSTATUS NTAPI TcTFeUnsetBaselineFlagFileRuleSet(MatchedContext *Entr
 _IRQL_requires_max_(PASSIVE_LEVEL)
 TEXPRT_API BOOLEAN NTAPI TcTFeIsSubPathOfRulePath(PCUNICODE_STRING RulePath, PCUNICODE_STRING Name,
                                                   BOOLEAN IgnoreCase);
+
+/* ------------------------------------------------------------------ process table */
+
+/* The entry of a process, made if there is none yet; null when the process
+ * cannot be opened or its image name read. One reference is taken. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
+TEXPRT_API ProcessEntry *NTAPI FindOrCreateProcessEntry(ULONG ProcessId);
+/* The entry of a process if there is one; never makes one. One reference. */
+_IRQL_requires_max_(APC_LEVEL)
+TEXPRT_API ProcessEntry *NTAPI FindProcessEntry(ULONG ProcessId);
+/* Gives a reference back. Force: the caller knows the process has ended. */
+_IRQL_requires_max_(APC_LEVEL)
+TEXPRT_API VOID NTAPI DereferenceProcess(ULONG ProcessId, UCHAR Force);
+/* Enters every process that runs already; once, when a monitor starts. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
+TEXPRT_API NTSTATUS NTAPI GetExisitingProcesses(VOID);
+/* A kernel handle with all access, or null. The caller closes it. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
+TEXPRT_API HANDLE NTAPI OpenProcess(ULONG ProcessId);
+/* The thread's exit status (STATUS_PENDING while it runs), 0 when it cannot
+ * be read; Times receives its KERNEL_USER_TIMES (32 bytes), zeroed first. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
+TEXPRT_API NTSTATUS NTAPI GetThreadExitStatus(ULONG ProcessId, ULONG ThreadId, PVOID Times);
+
+/* ------------------------------------------------------------------ actor information */
+
+/* The actor block of the current process: a new pool block the caller frees
+ * with ExFreePoolWithTag(block, 0), and its size. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
+TEXPRT_API NTSTATUS NTAPI GetActorInformation(ActorInformation **Actor, PULONG Size);
+/* Fills the entry's cached actor block and hands the entry out. Whenever
+ * *Entry is set a reference is held, also on a failure status. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
+TEXPRT_API NTSTATUS NTAPI GetActorProcessReference(ULONG ProcessId, ProcessEntry **Entry);
+/* ProcessId null: the current process. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
+TEXPRT_API BOOLEAN NTAPI IsActorWhiteListed(PULONG ProcessId);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+TEXPRT_API BOOLEAN NTAPI TcMarkProcessAsTrusted(PULONG ProcessId);
+/* The process's self-relative security descriptor in a new pool block, or
+ * null; *Length must be 0 on entry and receives the size. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
+TEXPRT_API PVOID NTAPI ProcessGetSecurityDescriptor(HANDLE Process, PULONG SecurityInformation, PULONG Length);
+/* TOKEN_USER in a new pool block, or null; each optional output is filled
+ * when given (Statistics: 56 bytes; a failed 32-bit query gives -1). */
+_IRQL_requires_max_(PASSIVE_LEVEL)
+TEXPRT_API PVOID NTAPI ProcessGetTokenInformation(HANDLE Token, PVOID Statistics, PULONG Virtualization,
+                                                  PVOID *IntegrityLevel, PULONG Elevation, PULONG ElevationType);
 
 /* ------------------------------------------------------------------ event log */
 

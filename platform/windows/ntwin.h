@@ -313,6 +313,111 @@ FLTMGR_API VOID FLTAPI FltObjectDereference(PVOID FltObject);
 #undef FLTMGR_API
 
 // --------------------------------------------------------------------------
+// Processes: what the DDK leaves to winternl.h or does not describe. The
+// layouts are the documented ones, for the build's pointer size.
+
+typedef enum _SYSTEM_INFORMATION_CLASS {
+    SystemTimeOfDayInformation = 3,
+    SystemProcessInformation = 5,
+    SystemModuleInformation = 11,
+} SYSTEM_INFORMATION_CLASS;
+
+extern "C" NTSYSAPI NTSTATUS NTAPI ZwQuerySystemInformation(SYSTEM_INFORMATION_CLASS SystemInformationClass,
+                                                            PVOID SystemInformation, ULONG SystemInformationLength,
+                                                            PULONG ReturnLength);
+
+typedef struct _SYSTEM_PROCESS_INFORMATION {
+    ULONG NextEntryOffset;
+    ULONG NumberOfThreads;
+    LARGE_INTEGER WorkingSetPrivateSize;
+    ULONG HardFaultCount;
+    ULONG NumberOfThreadsHighWatermark;
+    ULONGLONG CycleTime;
+    LARGE_INTEGER CreateTime;
+    LARGE_INTEGER UserTime;
+    LARGE_INTEGER KernelTime;
+    UNICODE_STRING ImageName;
+    KPRIORITY BasePriority;
+    HANDLE UniqueProcessId;
+    HANDLE InheritedFromUniqueProcessId;
+    ULONG HandleCount;
+    ULONG SessionId;
+    ULONG_PTR UniqueProcessKey;
+    SIZE_T PeakVirtualSize;
+    SIZE_T VirtualSize;
+    ULONG PageFaultCount;
+    SIZE_T PeakWorkingSetSize;
+    SIZE_T WorkingSetSize;
+    SIZE_T QuotaPeakPagedPoolUsage;
+    SIZE_T QuotaPagedPoolUsage;
+    SIZE_T QuotaPeakNonPagedPoolUsage;
+    SIZE_T QuotaNonPagedPoolUsage;
+    SIZE_T PagefileUsage;
+    SIZE_T PeakPagefileUsage;
+    SIZE_T PrivatePageCount;
+    LARGE_INTEGER ReadOperationCount;
+    LARGE_INTEGER WriteOperationCount;
+    LARGE_INTEGER OtherOperationCount;
+    LARGE_INTEGER ReadTransferCount;
+    LARGE_INTEGER WriteTransferCount;
+    LARGE_INTEGER OtherTransferCount;
+} SYSTEM_PROCESS_INFORMATION, *PSYSTEM_PROCESS_INFORMATION;
+
+typedef struct _SYSTEM_TIMEOFDAY_INFORMATION {
+    LARGE_INTEGER BootTime;
+    LARGE_INTEGER CurrentTime;
+    LARGE_INTEGER TimeZoneBias;
+    ULONG TimeZoneId;
+    ULONG Reserved;
+    ULONGLONG BootTimeBias;
+    ULONGLONG SleepTimeBias;
+} SYSTEM_TIMEOFDAY_INFORMATION, *PSYSTEM_TIMEOFDAY_INFORMATION;
+
+typedef struct _THREAD_BASIC_INFORMATION {
+    NTSTATUS ExitStatus;
+    PVOID TebBaseAddress;
+    CLIENT_ID ClientId;
+    KAFFINITY AffinityMask;
+    KPRIORITY Priority;
+    KPRIORITY BasePriority;
+} THREAD_BASIC_INFORMATION, *PTHREAD_BASIC_INFORMATION;
+
+// The head of a process's parameter block and environment block, as far
+// as the documented fields go.
+typedef struct _RTL_USER_PROCESS_PARAMETERS {
+    ULONG MaximumLength;
+    ULONG Length;
+    ULONG Flags;
+    ULONG DebugFlags;
+    PVOID Reserved2[10];
+    UNICODE_STRING ImagePathName;
+    UNICODE_STRING CommandLine;
+} RTL_USER_PROCESS_PARAMETERS, *PRTL_USER_PROCESS_PARAMETERS;
+
+struct _PEB {
+    UCHAR Reserved1[2];
+    UCHAR BeingDebugged;
+    UCHAR Reserved2[1];
+    PVOID Reserved3[2];
+    PVOID Ldr;
+    PRTL_USER_PROCESS_PARAMETERS ProcessParameters;
+};
+typedef struct _PEB PEB;
+
+#if defined(_WIN64)
+static_assert(FIELD_OFFSET(PEB, ProcessParameters) == 0x20, "PEB.ProcessParameters");
+static_assert(FIELD_OFFSET(RTL_USER_PROCESS_PARAMETERS, ImagePathName) == 0x60, "ImagePathName");
+static_assert(FIELD_OFFSET(RTL_USER_PROCESS_PARAMETERS, CommandLine) == 0x70, "CommandLine");
+static_assert(FIELD_OFFSET(SYSTEM_PROCESS_INFORMATION, UniqueProcessId) == 0x50, "UniqueProcessId");
+#else
+static_assert(FIELD_OFFSET(PEB, ProcessParameters) == 0x10, "PEB.ProcessParameters");
+static_assert(FIELD_OFFSET(RTL_USER_PROCESS_PARAMETERS, ImagePathName) == 0x38, "ImagePathName");
+static_assert(FIELD_OFFSET(RTL_USER_PROCESS_PARAMETERS, CommandLine) == 0x40, "CommandLine");
+static_assert(FIELD_OFFSET(SYSTEM_PROCESS_INFORMATION, UniqueProcessId) == 0x44, "UniqueProcessId");
+static_assert(sizeof(THREAD_BASIC_INFORMATION) == 28, "THREAD_BASIC_INFORMATION");
+#endif
+
+// --------------------------------------------------------------------------
 // Source annotations: only some of them come with mingw-w64's headers.
 
 #ifndef _IRQL_requires_max_

@@ -103,6 +103,7 @@ void BootProcess(HostProcess *process) {
     process->parent_id = 0;
     process->create_time = 0;
     process->list_name = system ? u"System" : u"";
+    process->SetShortName(process->list_name);
     process->session_id = 0;
     process->base_priority = system ? 8 : 0;
     process->token = MakeTokenState(hk::TokenSpec{});
@@ -322,6 +323,7 @@ uint32_t CreateProcess(const ProcessSpec &spec) {
     process->create_time = spec.create_time.value_or(NowSystemTime());
     process->image_file_name = ToU16(spec.image_file_name);
     process->list_name = LastComponent(process->image_file_name);
+    process->SetShortName(process->list_name);
     process->session_id = spec.session_id;
     process->token = std::move(token);
     process->security_descriptor = std::move(descriptor);

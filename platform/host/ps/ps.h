@@ -100,6 +100,21 @@ struct HostProcess {
     std::vector<HostThread *> threads;  // thread objects alive, in creation order
     int64_t gone_kernel_time = 0;       // of threads whose objects are gone
     int64_t gone_user_time = 0;
+
+    // The object's own bytes. A Windows process object is a few kilobytes
+    // and keeps the process's short name (15 characters, ANSI) inside, where
+    // drivers look for it by searching the object for "System" from their
+    // DriverEntry, which runs in System; such a search reads well beyond the
+    // name. The host's object is as large as any such search reads, with
+    // the name where recent x64 kernels keep it.
+    static constexpr size_t kObjectBytes = 12288;
+    static constexpr size_t kShortNameOffset = 0x5a8;
+    static constexpr size_t kShortNameChars = 15;
+    unsigned char object_bytes[kObjectBytes] = {};
+    void SetShortName(const std::u16string &name) {
+        for (size_t i = 0; i < kShortNameChars; ++i)
+            object_bytes[kShortNameOffset + i] = i < name.size() ? (unsigned char)(name[i] & 0x7F) : 0;
+    }
 };
 
 struct ClientIdEntry {
