@@ -84,7 +84,16 @@ void Machine::Boot(const YAML::Node &block, const std::string &file) {
     CheckKeys(block, {"registry", "files", "clock", "processes"}, "machine", file);
     if (const auto clock = block["clock"]) {
         CheckKeys(clock, {"start", "time_zone_bias_minutes", "boot_time_bias"}, "clock", file);
-        if (clock["start"]) hk::UseManualClock(clock["start"].as<int64_t>());
+        if (const auto start = clock["start"]) {
+            // Ticks, or 'YYYY-MM-DD HH:MM:SS' (UTC); the machine boots then.
+            const json given = start.IsScalar() ? ToJson(start) : json();
+            std::optional<int64_t> ticks;
+            if (given.is_number_unsigned()) ticks = given.get<int64_t>();
+            else if (given.is_string()) ticks = ParseTimeText(given.get<std::string>());
+            if (!ticks || *ticks <= 0)
+                Fail(file, start, "clock start is a time, 'YYYY-MM-DD HH:MM:SS' (UTC), or a number of ticks");
+            hk::UseManualClock(*ticks);
+        }
         if (clock["time_zone_bias_minutes"])
             hk::SetTimeZoneBias(clock["time_zone_bias_minutes"].as<int64_t>() * 60 * hk::kTicksPerSecond);
         // What SYSTEM_TIMEOFDAY_INFORMATION reports beside the boot time.

@@ -494,7 +494,6 @@ void AddProcessActions(std::map<std::string, Step> &t) {
         const uint32_t pid = uint32_t(c.NumberOf(c.Arg("pid"), 0xFFFFFFFF));
         const uint32_t tid = uint32_t(c.NumberOf(c.Arg("tid"), 0xFFFFFFFF));
         const NTSTATUS status = c.Has("status") ? c.StatusOf(c.Arg("status")) : STATUS_SUCCESS;
-        // Whether the thread was its process's last, asked before it ends.
         if (!hk::ExitThread(pid, tid, status))
             c.ErrorAt(c.Arg("tid"), "process " + std::to_string(pid) + " has no running thread " + std::to_string(tid));
         StepOutcome out;

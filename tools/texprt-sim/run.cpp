@@ -100,10 +100,12 @@ void ReportLeftBehind(const std::string &where, const Machine &machine, std::ost
     err << where << ": after DllUnload: " << hk::OutstandingPoolBytes() << " pool bytes outstanding, "
         << hk::VerifierComplaints().size() << " verifier complaints\n"
         << hk::LeakReport();
-    for (const auto &[process_id, count] : machine.UnbalancedReferences())
+    for (const auto &[process_id, count] : machine.UnbalancedReferences()) {
+        const std::string references = std::to_string(count > 0 ? count : -count) + " entry reference" +
+                                       (count == 1 || count == -1 ? "" : "s");
         err << "process " << process_id << ": the scenario "
-            << (count > 0 ? "still holds " + std::to_string(count) : "gave back " + std::to_string(-count) + " more than it took")
-            << " entry reference" << (count == 1 || count == -1 ? "" : "s") << "\n";
+            << (count > 0 ? "still holds " + references : "gave back " + references + " more than it took") << "\n";
+    }
     for (const auto &name : machine.OpenHandles()) err << "handle " << name << " was kept and never closed\n";
 }
 
@@ -118,8 +120,7 @@ void RunAs(StepContext &context, const YAML::Node &as, std::optional<hk::AsThrea
         guard.emplace(pid, tid);
     } catch (const std::invalid_argument &) {
         context.ErrorAt(arg, "as: process " + std::to_string(pid) + " has no running thread" +
-                                 (tid != 0 ? " " + std::to_string(tid) : "") +
-                                 " for the step to run as (start_process, start_thread)");
+                                 (tid != 0 ? " " + std::to_string(tid) : "") + " to run the step as");
     }
 }
 
