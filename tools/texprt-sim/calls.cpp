@@ -975,8 +975,10 @@ struct Returned<PVOID> {
                 // monitor that only looks closes it.
                 out.result["handle"] = HandleJson(value);
                 if (!c.keep.empty()) {
-                    if (c.machine.HasHandle(c.keep) && c.machine.Handle(c.keep) != nullptr)
+                    if (c.machine.HasHandle(c.keep) && c.machine.Handle(c.keep) != nullptr) {
+                        if (value != nullptr) ZwClose(value);
                         c.Error("handle " + c.keep + " is still open: close_handle it first");
+                    }
                     c.machine.KeepHandle(c.keep, value);
                 } else if (value != nullptr) {
                     ZwClose(value);
