@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -57,20 +58,73 @@ TEST(SimSteps, EveryExportInTheListHasAStepWithItsParametersAsArguments) {
 TEST(SimSteps, OnlyDocumentedParametersMayBeLeftOut) {
     // Every parameter is required but these: the pointers texprt.h lets a
     // monitor pass as null, the counts and sizes that restate a list's
-    // length, and the app-blocking verdict the runner provides.
+    // length, and the records, buffers and pointers the runner provides for
+    // the library to fill (printed after the call).
     const std::vector<std::string> optional = {
         "io_object", "strings", "dump_data", "value_name", "remote_address", "command_line", "parent_image_path",
-        "string_count", "dump_size", "actor_size", "size", "result"};
+        "string_count", "dump_size", "actor_size"};
+    // Names that are optional in some exports only.
+    const std::map<std::string, std::vector<std::string>> optional_in = {
+        {"TcTFeUnsetBaselineFlagFileRuleSet", {"size"}},
+        {"TcTFeMatchesProcessAppBlockingRuleSet", {"result"}},
+        {"GetActorInformation", {"actor", "size"}},
+        {"GetActorProcessReference", {"entry"}},
+        {"GetThreadExitStatus", {"times"}},
+        {"ProcessGetSecurityDescriptor", {"security_information"}},
+        {"ProcessGetTokenInformation",
+         {"statistics", "virtualization", "integrity_level", "elevation", "elevation_type"}},
+    };
     for (const auto &[name, step] : sim::Exports()) {
         for (const auto &a : step.arguments) {
-            const bool listed = std::find(optional.begin(), optional.end(), a.name) != optional.end();
-            // TcTFeCleanupResult's and the matchers' result is a FilterResult,
-            // which must be named; only the app-blocking one is the runner's.
-            const bool app_blocking_result = a.name == "result" && name == "TcTFeMatchesProcessAppBlockingRuleSet";
-            if (a.name == "result") EXPECT_EQ(a.required, !app_blocking_result) << name << " " << a.name;
-            else EXPECT_EQ(a.required, !listed) << name << " " << a.name;
+            bool listed = std::find(optional.begin(), optional.end(), a.name) != optional.end();
+            const auto own = optional_in.find(name);
+            if (own != optional_in.end())
+                listed = listed || std::find(own->second.begin(), own->second.end(), a.name) != own->second.end();
+            EXPECT_EQ(a.required, !listed) << name << " " << a.name;
         }
     }
+}
+
+TEST(SimSteps, KeepNamesWhatAStepHandsOut) {
+    // A handle or an entry, returned or through a parameter; nothing else.
+    const std::map<std::string, sim::Step::Keeps> keeps = {
+        {"OpenProcess", sim::Step::Keeps::May},
+        {"FindOrCreateProcessEntry", sim::Step::Keeps::May},
+        {"FindProcessEntry", sim::Step::Keeps::May},
+        {"GetActorProcessReference", sim::Step::Keeps::May},
+    };
+    for (const auto &[name, step] : sim::Exports()) {
+        const auto found = keeps.find(name);
+        EXPECT_EQ(step.keeps, found == keeps.end() ? sim::Step::Keeps::Nothing : found->second) << name;
+    }
+    EXPECT_EQ(sim::Actions().at("open_thread").keeps, sim::Step::Keeps::Must);
+    EXPECT_EQ(sim::Actions().at("start_process").keeps, sim::Step::Keeps::Nothing);
+}
+
+TEST(SimSteps, TimesStatusesAndSidsAsScenariosWriteThem) {
+    EXPECT_EQ(sim::ParseTimeText("2026-01-01 00:00:00"), hk::kDefaultBootTime);
+    EXPECT_EQ(sim::ParseTimeText("2026-01-01T00:00:01"), hk::kDefaultBootTime + hk::kTicksPerSecond);
+    EXPECT_EQ(sim::ParseTimeText("2026-01-01"), hk::kDefaultBootTime);
+    EXPECT_FALSE(sim::ParseTimeText("2026-01-01 00:00:00 extra"));
+    EXPECT_FALSE(sim::ParseTimeText("2026-13-01 00:00:00"));
+    EXPECT_FALSE(sim::ParseTimeText("yesterday"));
+    EXPECT_EQ(sim::TimeText(hk::kDefaultBootTime), "2026-01-01 00:00:00");
+    EXPECT_EQ(sim::TimeText(hk::kDefaultBootTime + 86400 * hk::kTicksPerSecond + 5000000), "2026-01-02 00:00:00.5");
+    EXPECT_EQ(sim::TimeText(*sim::ParseTimeText("2024-02-29 23:59:59")), "2024-02-29 23:59:59");
+    EXPECT_TRUE(sim::TimeJson(0)["time"].is_null());
+
+    EXPECT_EQ(sim::StatusByName("STATUS_ACCESS_DENIED"), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(sim::StatusByName("STATUS_PENDING"), STATUS_PENDING);
+    EXPECT_FALSE(sim::StatusByName("STATUS_NO_SUCH_THING"));
+
+    const auto sid = sim::SidFromText("S-1-5-21-1111-2222-3333-1001");
+    ASSERT_TRUE(sid);
+    EXPECT_EQ(sid->size(), 28u);
+    EXPECT_EQ(sim::SidText(sid->data(), sid->size()), "S-1-5-21-1111-2222-3333-1001");
+    EXPECT_EQ(sim::SidText(sid->data(), sid->size() - 1), "") << "a SID cut short is no SID";
+    EXPECT_EQ(sim::SidText(sim::SidFromText("S-1-0x10-3")->data(), 12), "S-1-16-3");
+    for (const char *bad : {"S-1", "S-2-5-18", "S-1-5-", "X-1-5-18", "S-1-5-4294967296", "S-1-5-1-2-3-4-5-6-7-8-9-10-11-12-13-14-15-16"})
+        EXPECT_FALSE(sim::SidFromText(bad)) << bad;
 }
 
 TEST(SimSteps, ParameterNamesBecomeSnakeCase) {
@@ -107,8 +161,11 @@ protected:
         const auto &table = is_call ? sim::Exports() : sim::Actions();
         const sim::Step &step = table.at(name);
         sim::StepContext context{machine_, file_, step_, name};
+        if (step_["keep"]) context.keep = step_["keep"].as<std::string>();
         if (!step.checks_own_arguments) context.CheckArguments(step.arguments);
-        return step.run(context);
+        sim::StepOutcome outcome = step.run(context);
+        machine_.SettleLibraryWork();
+        return outcome;
     }
 
     // The error a step gives: "t.yaml:LINE: message".
@@ -182,11 +239,70 @@ TEST_F(StepTest, ArgumentErrorsNameTheLineAndTheProblem) {
          "t.yaml:4: event of kind network: local has no field 'prot' (did you mean 'port'?)"},
         {"action: event\nargs:\n  kind: file\n  name: x\n  whitelist:\n    exmept: [0, 0, 0, 0]\n",
          "t.yaml:6: event of kind file: whitelist has no field 'exmept' (did you mean 'exempt'?)"},
+        // Process steps and the converters of the process table's exports.
+        {"call: ProcessGetSecurityDescriptor\nargs: {process: h9, security_information: 0, length: 0}\n",
+         "t.yaml:2: ProcessGetSecurityDescriptor: no handle named 'h9'"},
+        {"call: ProcessGetTokenInformation\nargs:\n  token: {pid: 1000}\n",
+         "t.yaml:3: ProcessGetTokenInformation: token has no field 'pid'; its fields: process_handle, token_handle"},
+        {"call: ProcessGetTokenInformation\nargs:\n  token: {process_handle: 4, token_handle: 4}\n",
+         "t.yaml:3: ProcessGetTokenInformation: token is the name of a kept handle"},
+        {"call: ProcessGetTokenInformation\nargs:\n  token: null\n  statistics: '00'\n",
+         "t.yaml:4: ProcessGetTokenInformation: statistics is the runner's own buffer"},
+        {"call: GetActorInformation\nargs: {actor: a1}\n", "t.yaml:2: GetActorInformation: actor is the runner's own pointer"},
+        {"call: IsActorWhiteListed\n", "t.yaml:1: IsActorWhiteListed: missing argument 'process_id'"},
+        {"call: ProcessGetSecurityDescriptor\nargs: {process: null}\n",
+         "t.yaml:1: ProcessGetSecurityDescriptor: missing argument 'length'"},
+        {"action: start_process\nargs:\n  pid: 1000\n  comand_line: x\n",
+         "t.yaml:4: start_process takes no argument 'comand_line' (did you mean 'command_line'?)"},
+        {"action: start_process\nargs: {pid: 1001}\n",
+         "t.yaml:2: start_process: pid: process and thread ids are multiples of 4 above 0"},
+        {"action: start_process\nargs:\n  user: S-5-1\n", "t.yaml:3: start_process: user: 'S-5-1' is not a SID"},
+        {"action: start_process\nargs:\n  token_fails: [opne]\n",
+         "t.yaml:3: start_process: token_fails[0] has no item 'opne' (did you mean 'open'?)"},
+        {"action: start_process\nargs:\n  token_fails: {open: STATUS_NOPE}\n",
+         "t.yaml:3: start_process: token_fails.open: 'STATUS_NOPE' is not a status name the host knows"},
+        {"action: start_process\nargs:\n  unmapped: [image]\n",
+         "t.yaml:3: start_process: unmapped[0] has no item 'image'"},
+        {"action: start_process\nargs:\n  peb: absent\n", "t.yaml:3: start_process: peb has no item 'absent'"},
+        {"action: start_process\nargs:\n  created: 'last tuesday'\n", "t.yaml:3: start_process: created: time 'last tuesday'"},
+        {"action: start_process\nargs:\n  threads: [{tid: 8, kernel: 1}]\n",
+         "t.yaml:3: start_process: threads[0] has no field 'kernel'"},
+        {"action: start_process\nargs:\n  descriptor: '0100'\n",
+         "t.yaml:3: start_process: the machine cannot start this process: the security descriptor"},
+        {"action: exit_process\nargs: {pid: 4}\n", "t.yaml:2: exit_process: no running process 4 to end"},
+        {"action: exit_thread\nargs: {pid: 4, tid: 4}\n", "t.yaml:2: exit_thread: process 4 has no running thread 4"},
+        {"action: read_entry\nargs: {entry: e9}\n", "t.yaml:2: read_entry: 'e9' names no process entry"},
+        {"action: close_handle\nargs: {handle: h9}\n", "t.yaml:2: close_handle: no handle named 'h9'"},
     };
     for (const auto &c : cases) {
         const std::string error = ErrorOf(c.step);
         EXPECT_EQ(error.rfind(c.error, 0), 0u) << c.step << "\ngave: " << error;
     }
+}
+
+TEST_F(StepTest, TheMachineBlockStartsItsProcesses) {
+    auto error = [&](const std::string &text) -> std::string {
+        try {
+            sim::Machine machine(std::filesystem::temp_directory_path(), TEXPRT_IMAGE_PATH);
+            machine.Boot(YAML::Load(text), "m.yaml");
+        } catch (const sim::ScenarioError &e) {
+            return e.what();
+        }
+        return "(no error)";
+    };
+    EXPECT_EQ(error("processes:\n  - {pid: 1000, image: x}\n  - {pid: 1004, imgae: x}\n"),
+              "m.yaml:3: machine: processes[1] has no field 'imgae' (did you mean 'image'?); its fields: pid, parent, "
+              "created, image, win32_path, command_line, normalized, peb, parameters, unmapped, user, integrity, "
+              "elevated, elevation_type, virtualization, descriptor, descriptor_fails, token_fails, threads");
+    EXPECT_EQ(error("processes:\n  - {pid: 1000}\n  - {pid: 1000}\n").rfind(
+                  "m.yaml:3: machine: the machine cannot start this process: id 1000 is taken", 0),
+              0u);
+    EXPECT_EQ(error("processes:\n  - pid: 1000\n    user: S-1-5-21-x\n"),
+              "m.yaml:3: machine: processes[0].user: 'S-1-5-21-x' is not a SID such as S-1-5-21-1111-2222-3333-1001");
+    EXPECT_EQ(error("processes: {pid: 1000}\n"), "m.yaml:1: processes must be a list of processes");
+    EXPECT_EQ(error("processes:\n  - {pid: 1000, image: x, created: none, threads: [1004, {tid: 1008, created: "
+                    "'2026-01-01 00:00:05'}]}\n"),
+              "(no error)");
 }
 
 TEST_F(StepTest, ACallNeedsTheImageAndDllInitializeNeedsItGone) {
@@ -195,6 +311,7 @@ TEST_F(StepTest, ACallNeedsTheImageAndDllInitializeNeedsItGone) {
                   "t.yaml:1: TcIsFileSystemCaptureEnabled: the image is not loaded", 0),
               0u);
     EXPECT_EQ(ErrorOf("action: store\n").rfind("t.yaml:1: store: the image is not loaded", 0), 0u);
+    EXPECT_EQ(ErrorOf("action: process_table\n").rfind("t.yaml:1: process_table: the image is not loaded", 0), 0u);
     EXPECT_EQ(Run("call: DllInitialize\nargs: {registry_path: null}\n").status, STATUS_SUCCESS);
     EXPECT_TRUE(machine_.loaded());
     EXPECT_EQ(ErrorOf("call: DllInitialize\nargs: {registry_path: 'x'}\n")
@@ -293,6 +410,94 @@ TEST_F(LoadedStepTest, ReturnsArePrintedByType) {
     Run("call: TcReleaseFilterLock\n");
     EXPECT_EQ(Run("call: TcSetMiniFilterPointer\nargs: {filter: system-monitor}\n").status, STATUS_SUCCESS);
     EXPECT_EQ(Run("call: TcSetMiniFilterPointer\nargs: {filter: null}\n").status, STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(LoadedStepTest, ProcessStepsHandOutEntriesAndHandlesAndKeepTheScenariosBalance) {
+    Run("call: TcSystemsInitializePhase0\nargs: {driver_object: system-monitor, preferred: true}\n");
+    const auto started = Run("action: start_process\n"
+                             "args: {pid: 1000, image: '\\Device\\HarddiskVolume2\\a.exe', command_line: 'a.exe -v',\n"
+                             "       user: S-1-5-21-1-2-3-1001, threads: [1004, 1008]}\n");
+    EXPECT_EQ(started.result["pid"], 1000);
+    EXPECT_EQ(started.result["threads"], sim::json::parse("[1004, 1008]"));
+
+    const auto made = Run("call: FindOrCreateProcessEntry\nargs: {process_id: 1000}\nkeep: e1\n");
+    EXPECT_EQ(made.result["entry"]["ReferenceCount"], 1);
+    EXPECT_EQ(made.result["entry"]["CommandLine"], "-v") << "the arguments alone";
+    EXPECT_EQ(made.result["entry"]["ProcessObject"], "process 1000");
+    EXPECT_EQ(machine_.UnbalancedReferences(), (std::map<uint32_t, int64_t>{{1000, 1}}));
+    EXPECT_EQ(Run("action: read_entry\nargs: {entry: e1}\n").result["entry"]["ProcessId"], 1000);
+
+    // A handle kept by name serves later calls and is closed by name.
+    const auto opened = Run("call: OpenProcess\nargs: {process_id: 1000}\nkeep: h1\n");
+    EXPECT_EQ(opened.result["handle"]["process_id"], 1000);
+    EXPECT_EQ(machine_.OpenHandles(), std::vector<std::string>{"h1"});
+    const auto descriptor =
+        Run("call: ProcessGetSecurityDescriptor\nargs: {process: h1, security_information: 0, length: 0}\n");
+    EXPECT_EQ(descriptor.result["descriptor"]["owner"], "S-1-5-21-1-2-3-1001");
+    EXPECT_EQ(descriptor.result["SecurityInformation"], 15);
+    EXPECT_GT(descriptor.result["Length"].get<uint64_t>(), 20u);
+    EXPECT_EQ(Run("action: close_handle\nargs: {handle: h1}\n").status, STATUS_SUCCESS);
+    EXPECT_TRUE(machine_.OpenHandles().empty());
+
+    // A token opened for one call only, and the blocks the call hands out,
+    // printed and freed.
+    const auto token = Run("call: ProcessGetTokenInformation\nargs: {token: {token_handle: 1000}}\n");
+    EXPECT_EQ(token.result["user"]["Sid"], "S-1-5-21-1-2-3-1001");
+    EXPECT_EQ(token.result["IntegrityLevel"]["Sid"], "S-1-16-16384");
+    EXPECT_EQ(token.result["Statistics"]["AuthenticationId"], "0x3E7");
+
+    // The actor block of the thread the step runs as, checked against its size.
+    sim::StepOutcome actor;
+    {
+        hk::AsThread as(1000, 1008);
+        actor = Run("call: GetActorInformation\n");
+    }
+    EXPECT_EQ(actor.status, STATUS_SUCCESS);
+    EXPECT_EQ(actor.result["Actor"]["ThreadId"], 1008);
+    EXPECT_EQ(actor.result["Actor"]["Sid"], "S-1-5-21-1-2-3-1001");
+    EXPECT_EQ(actor.result["Actor"]["size_check"], "ok");
+    EXPECT_EQ(actor.result["Actor"]["size"], actor.result["Size"]);
+
+    EXPECT_EQ(Run("call: GetThreadExitStatus\nargs: {process_id: 1000, thread_id: 1004}\n").status, STATUS_PENDING);
+
+    // The reference given back: the name no longer reads the entry.
+    Run("call: DereferenceProcess\nargs: {process_id: 1000, force: 0}\n");
+    EXPECT_TRUE(machine_.UnbalancedReferences().empty());
+    EXPECT_NE(ErrorOf("action: read_entry\nargs: {entry: e1}\n").find("holds no reference on e1"), std::string::npos);
+
+    // The table as the inspection entry shows it, once the image has one.
+    if (machine_.Symbol("TexprtInspectProcessTable") != nullptr) {
+        const auto table = Run("action: process_table\n");
+        EXPECT_EQ(table.result["ids"], sim::json::parse("[1000]"));
+        EXPECT_EQ(table.result["entries"]["1000"]["ReferenceCount"], 0);
+    } else {
+        EXPECT_NE(ErrorOf("action: process_table\n").find("the image has no TexprtInspectProcessTable"),
+                  std::string::npos);
+    }
+
+    // A failed phase 1 empties the table; the runner forgets its entries.
+    EXPECT_EQ(Run("call: TcSystemsInitializePhase1\n").status, STATUS_INVALID_PARAMETER);
+    EXPECT_NE(ErrorOf("action: read_entry\nargs: {entry: e1}\n").find("a failed phase 1 emptied the process table"),
+              std::string::npos);
+    Run("action: exit_process\nargs: {pid: 1000}\n");
+}
+
+TEST_F(LoadedStepTest, TheClockMovesOnAGridSoThatRearmedTimersStayOnIt) {
+    // Phase 1 arms the rundown's timer (and, failing here, leaves it to fire
+    // once): an ended, unreferenced process's entry goes at the half second,
+    // not a tick sooner.
+    Run("call: TcSystemsInitializePhase0\nargs: {driver_object: system-monitor, preferred: true}\n");
+    Run("call: TcSystemsInitializePhase1\n");
+    Run("action: start_process\nargs: {pid: 1000, image: 'a.exe'}\n");
+    Run("call: FindOrCreateProcessEntry\nargs: {process_id: 1000}\n");
+    Run("call: DereferenceProcess\nargs: {process_id: 1000, force: 0}\n");
+    Run("action: exit_process\nargs: {pid: 1000}\n");
+    Run("action: advance_clock\nargs: {milliseconds: 499, ticks: 9999}\n");
+    EXPECT_NE(Run("call: OpenProcess\nargs: {process_id: 1000}\n").result["handle"], nullptr)
+        << "the entry still holds the ended process's object";
+    const auto moved = Run("action: advance_clock\nargs: {ticks: 1}\n");
+    EXPECT_EQ(moved.result["clock"]["time"], "2026-01-01 00:00:00.5");
+    EXPECT_EQ(Run("call: OpenProcess\nargs: {process_id: 1000}\n").result["handle"], nullptr);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The machine actions a scenario can take between calls: files, registry
-// values, the clock, and a look at the monitor store. Each declares the
+// values, the clock, and a look at the monitor store (the event and process
+// actions have files of their own). Each declares the
 // arguments it takes, so that a misspelt one is an error at its line.
 #include "records.h"
 
@@ -93,12 +94,20 @@ std::map<std::string, Step> MakeActions() {
         return out;
     });
     t["advance_clock"] = Action({{"seconds", false}, {"milliseconds", false}, {"ticks", false}}, [](StepContext &c) {
-        const int64_t ticks = int64_t(c.Number("seconds", 0)) * hk::kTicksPerSecond +
-                              int64_t(c.Number("milliseconds", 0)) * 10000 + int64_t(c.Number("ticks", 0));
-        hk::AdvanceClock(ticks);
-        return StepOutcome{};
+        const uint64_t seconds = c.Number("seconds", 0), milliseconds = c.Number("milliseconds", 0),
+                       ticks = c.Number("ticks", 0);
+        // About 29000 years in all: the clock cannot go further.
+        constexpr uint64_t kLimit = uint64_t(INT64_MAX) / 2;
+        if (seconds > kLimit / uint64_t(hk::kTicksPerSecond) || milliseconds > kLimit / 10000 || ticks > kLimit)
+            c.Error("advances the clock further than it can go");
+        c.machine.AdvanceClock(int64_t(seconds) * hk::kTicksPerSecond + int64_t(milliseconds) * 10000 +
+                               int64_t(ticks));
+        StepOutcome out;
+        out.result["clock"] = TimeJson(hk::SystemTime());
+        return out;
     });
     AddEventActions(t);
+    AddProcessActions(t);
     return t;
 }
 

@@ -99,6 +99,8 @@ struct Arity<R(A...)> : std::integral_constant<size_t, sizeof...(A)> {};
 
 // ---------------------------------------------------------------- bound arguments
 
+struct Call;
+
 // One argument as the call passes it, with the memory it lives in until
 // the call returns.
 struct Bound {
@@ -110,8 +112,9 @@ struct Bound {
     virtual void Cover(uint64_t, Unit) {}
     // A number's value, for the claim above.
     virtual std::optional<uint64_t> Count() const { return std::nullopt; }
-    // What the library wrote into it, printed after the call.
-    virtual void Report(const StepContext &, json &) const {}
+    // What the library wrote into it, printed after the call (and what it
+    // handed out through it, freed once printed, as a monitor frees it).
+    virtual void Report(Call &, json &) {}
 };
 
 template <typename T>
@@ -139,6 +142,14 @@ struct Call {
     StepContext &step;
     const std::vector<Parameter> &parameters;
     std::vector<Bound *> bound;
+    std::string_view export_name;
+
+    // The argument bound to another parameter of the same export.
+    Bound *Sibling(std::string_view c_name) const {
+        for (size_t i = 0; i < parameters.size(); ++i)
+            if (parameters[i].c_name == c_name) return bound[i];
+        return nullptr;
+    }
 };
 
 // ---------------------------------------------------------------- converters
@@ -148,6 +159,8 @@ struct Call {
 //   From(call, parameter, arg)   from a given argument that is not null
 //   Default(call, parameter)     when left out (only where documented)
 //   FromLength(call, p, n)       a number restating a list's length
+//   HasDefault(parameter)        whether Default serves this parameter (when
+//                                Default serves only some of a type's)
 //   Check(parameter)             refuses, when the step table is built, a
 //                                parameter whose name it cannot bind
 // An explicit null is a null pointer for every pointer type, before any
@@ -318,21 +331,291 @@ struct Converter<PFLT_FILTER> {
 };
 
 // An untyped pointer means what its parameter's name says: the I/O object
-// that names an event log entry's source, or dump data.
+// that names an event log entry's source, dump data, a handle, or a buffer
+// the library fills. HANDLE is the same type.
+enum class Untyped { IoObject, DumpData, Handle, TokenStatistics, Times };
+struct UntypedName {
+    std::string_view name;
+    Untyped kind;
+};
+constexpr UntypedName kUntyped[] = {
+    {"IoObject", Untyped::IoObject},  {"DumpData", Untyped::DumpData},
+    {"Process", Untyped::Handle},     {"Token", Untyped::Handle},
+    {"Statistics", Untyped::TokenStatistics}, {"Times", Untyped::Times},
+};
+
+// A buffer the library fills, of the size it writes, zero-filled; printed
+// after the call by what it holds.
+template <typename Record>
+struct FilledBuffer : BoundAs<PVOID> {
+    std::string name;
+    Record record{};
+    json (*print)(const Record &) = nullptr;
+    PVOID Pass() override { return &record; }
+    void Report(Call &, json &result) override { result[name] = print(record); }
+};
+
+json TokenStatisticsJson(const TOKEN_STATISTICS &s) {
+    auto luid = [](const LUID &l) { return HexText((uint64_t(uint32_t(l.HighPart)) << 32) | l.LowPart, 1); };
+    json out;
+    out["TokenId"] = luid(s.TokenId);
+    out["AuthenticationId"] = luid(s.AuthenticationId);
+    out["ExpirationTime"] = s.ExpirationTime.QuadPart;
+    out["TokenType"] = s.TokenType == TokenPrimary ? json("primary") : json(int(s.TokenType));
+    out["ImpersonationLevel"] = int(s.ImpersonationLevel);
+    out["DynamicCharged"] = s.DynamicCharged;
+    out["DynamicAvailable"] = s.DynamicAvailable;
+    out["GroupCount"] = s.GroupCount;
+    out["PrivilegeCount"] = s.PrivilegeCount;
+    out["ModifiedId"] = luid(s.ModifiedId);
+    return out;
+}
+
+json TimesJson(const KERNEL_USER_TIMES &t) {
+    json out;
+    out["CreateTime"] = TimeJson(t.CreateTime.QuadPart);
+    out["ExitTime"] = TimeJson(t.ExitTime.QuadPart);
+    out["KernelTime"] = t.KernelTime.QuadPart;
+    out["UserTime"] = t.UserTime.QuadPart;
+    return out;
+}
+
+// A handle for this call only, opened by the runner and closed after it.
+struct OwnHandle : BoundAs<PVOID> {
+    std::vector<HANDLE> opened;  // the process's, then its token's
+    HANDLE handle = nullptr;
+    ~OwnHandle() override {
+        for (HANDLE h : opened) ZwClose(h);
+    }
+    PVOID Pass() override { return handle; }
+};
+
 template <>
 struct Converter<PVOID> {
-    static constexpr const char *kWhat = "a driver name (io objects) or bytes in hexadecimal (dump data)";
-    static bool IsIoObject(const Parameter &p) { return p.c_name == "IoObject"; }
+    static constexpr const char *kWhat =
+        "a driver name (io objects), bytes in hexadecimal (dump data), a handle (the name of a kept one, "
+        "{process_handle: PID} or {token_handle: PID}), or left out for a buffer the library fills";
+    static const UntypedName *KindOf(const Parameter &p) {
+        for (const auto &u : kUntyped)
+            if (u.name == p.c_name) return &u;
+        return nullptr;
+    }
     static void Check(const Parameter &p) {
-        if (!IsIoObject(p) && p.c_name != "DumpData")
-            throw std::logic_error(p.c_name + ": an untyped pointer the runner cannot bind by its name");
+        if (KindOf(p) == nullptr)
+            throw std::logic_error(p.c_name + ": an untyped pointer the runner cannot bind by its name (kUntyped)");
+    }
+    static bool HasDefault(const Parameter &p) {
+        return KindOf(p)->kind == Untyped::TokenStatistics || KindOf(p)->kind == Untyped::Times;
+    }
+    static std::unique_ptr<BoundAs<PVOID>> Default(Call &, const Parameter &p) {
+        if (KindOf(p)->kind == Untyped::TokenStatistics) {
+            auto bound = std::make_unique<FilledBuffer<TOKEN_STATISTICS>>();
+            bound->name = p.c_name;
+            bound->print = TokenStatisticsJson;
+            return bound;
+        }
+        auto bound = std::make_unique<FilledBuffer<KERNEL_USER_TIMES>>();
+        bound->name = p.c_name;
+        bound->print = TimesJson;
+        return bound;
     }
     static std::unique_ptr<BoundAs<PVOID>> From(Call &call, const Parameter &p, const Argument &arg) {
-        if (IsIoObject(p)) return std::make_unique<Fixed<PVOID>>(call.step.machine.Driver(call.step.TextOf(arg)));
-        auto bound = std::make_unique<ByteList<PVOID>>();
-        bound->bytes = call.step.HexOf(arg);
-        bound->given = bound->bytes.size();
+        switch (KindOf(p)->kind) {
+            case Untyped::IoObject:
+                return std::make_unique<Fixed<PVOID>>(call.step.machine.Driver(call.step.TextOf(arg)));
+            case Untyped::DumpData: {
+                auto bound = std::make_unique<ByteList<PVOID>>();
+                bound->bytes = call.step.HexOf(arg);
+                bound->given = bound->bytes.size();
+                return bound;
+            }
+            case Untyped::Handle:
+                return HandleFrom(call, p, arg);
+            case Untyped::TokenStatistics:
+            case Untyped::Times:
+                break;
+        }
+        call.step.ErrorAt(arg, p.name + " is the runner's own buffer, printed after the call: leave it out, or give null");
+    }
+
+    // A kept handle by name, or one opened for this call: {process_handle:
+    // PID} opens the process, {token_handle: PID} its primary token.
+    static std::unique_ptr<BoundAs<PVOID>> HandleFrom(Call &call, const Parameter &p, const Argument &arg) {
+        StepContext &c = call.step;
+        if (arg.value.IsScalar() && ToJson(arg.value).is_string()) {
+            const std::string name = c.TextOf(arg);
+            if (!c.machine.HasHandle(name))
+                c.ErrorAt(arg, "no handle named '" + name + "' (keep: on OpenProcess or open_thread names one; " +
+                                   p.name + ": {process_handle: PID} or {token_handle: PID} opens one for this call)");
+            return std::make_unique<Fixed<PVOID>>(c.machine.Handle(name));
+        }
+        if (!arg.value.IsMap() || arg.value.size() != 1)
+            c.ErrorAt(arg, p.name + " is the name of a kept handle, {process_handle: PID} or {token_handle: PID}");
+        const auto fields = c.FieldsOf(arg, {"process_handle", "token_handle"});
+        const Argument &given = fields.begin()->second;
+        const uint32_t pid = uint32_t(c.NumberOf(given, 0xFFFFFFFF));
+        auto bound = std::make_unique<OwnHandle>();
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, nullptr, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        CLIENT_ID client{reinterpret_cast<HANDLE>(ULONG_PTR(pid)), nullptr};
+        HANDLE process = nullptr;
+        NTSTATUS status = ZwOpenProcess(&process, PROCESS_ALL_ACCESS, &attributes, &client);
+        if (!NT_SUCCESS(status))
+            c.ErrorAt(given, "process " + std::to_string(pid) + " cannot be opened: " + StatusText(status));
+        bound->opened.push_back(process);
+        bound->handle = process;
+        if (fields.begin()->first == "token_handle") {
+            HANDLE token = nullptr;
+            status = ZwOpenProcessTokenEx(process, TOKEN_READ, OBJ_KERNEL_HANDLE, &token);
+            if (!NT_SUCCESS(status))
+                c.ErrorAt(given, "the token of process " + std::to_string(pid) + " cannot be opened: " + StatusText(status));
+            bound->opened.push_back(token);
+            bound->handle = token;
+        }
         return bound;
+    }
+};
+
+// ULONGs the library reads or writes through a pointer: a process id it
+// reads (null: the current process), a length it reads and writes, and
+// values it only writes. Those it writes are printed after the call under
+// their C names.
+enum class Direction { In, InOut, Out };
+struct UlongPointer {
+    std::string_view name;
+    Direction direction;
+};
+constexpr UlongPointer kUlongPointers[] = {
+    {"ProcessId", Direction::In},        {"Length", Direction::InOut},     {"SecurityInformation", Direction::Out},
+    {"Size", Direction::Out},            {"Virtualization", Direction::Out}, {"Elevation", Direction::Out},
+    {"ElevationType", Direction::Out},
+};
+
+struct UlongSlot : BoundAs<PULONG> {
+    std::string name;
+    ULONG value = 0;
+    bool printed = false;
+    PULONG Pass() override { return &value; }
+    void Report(Call &, json &result) override {
+        if (printed) result[name] = value;
+    }
+};
+
+template <>
+struct Converter<PULONG> {
+    static constexpr const char *kWhat = "a number (the ULONG the pointer points at), or null";
+    static const UlongPointer *KindOf(const Parameter &p) {
+        for (const auto &u : kUlongPointers)
+            if (u.name == p.c_name) return &u;
+        return nullptr;
+    }
+    static void Check(const Parameter &p) {
+        if (KindOf(p) == nullptr)
+            throw std::logic_error(p.c_name + ": a ULONG pointer the runner does not know the use of (kUlongPointers)");
+    }
+    // What the library only writes starts at 0 unless the scenario says.
+    static bool HasDefault(const Parameter &p) { return KindOf(p)->direction == Direction::Out; }
+    static std::unique_ptr<BoundAs<PULONG>> Make(const Parameter &p, ULONG value) {
+        auto bound = std::make_unique<UlongSlot>();
+        bound->name = p.c_name;
+        bound->value = value;
+        bound->printed = KindOf(p)->direction != Direction::In;
+        return bound;
+    }
+    static std::unique_ptr<BoundAs<PULONG>> Default(Call &, const Parameter &p) { return Make(p, 0); }
+    static std::unique_ptr<BoundAs<PULONG>> From(Call &call, const Parameter &p, const Argument &arg) {
+        return Make(p, ULONG(call.step.NumberOf(arg, 0xFFFFFFFF)));
+    }
+};
+
+// A pool block the library hands out through a pointer, printed and then
+// freed as a monitor frees it, with ExFreePoolWithTag(block, 0).
+template <typename T>
+struct HandedOut : BoundAs<T **> {
+    T *block = nullptr;
+    T **Pass() override { return &block; }
+    void Free() {
+        if (block != nullptr) ExFreePoolWithTag(block, 0);
+        block = nullptr;
+    }
+};
+
+// The integrity level: a TOKEN_MANDATORY_LABEL in pool, or left as it was.
+template <>
+struct Converter<PVOID *> {
+    static constexpr const char *kWhat = "left out (the runner's own pointer, printed after the call) or null";
+    struct Label : HandedOut<VOID> {
+        std::string name;
+        void Report(Call &, json &result) override {
+            if (block == nullptr) {
+                result[name] = nullptr;
+                return;
+            }
+            const auto *label = static_cast<const TOKEN_MANDATORY_LABEL *>(block);
+            const auto *sid = static_cast<const uint8_t *>(label->Label.Sid);
+            result[name] = {{"Sid", SidText(sid, sid != nullptr ? 8 + size_t(sid[1]) * 4 : 0)},
+                            {"Attributes", HexText(label->Label.Attributes)}};
+            Free();
+        }
+    };
+    static void Check(const Parameter &p) {
+        if (p.c_name != "IntegrityLevel")
+            throw std::logic_error(p.c_name + ": a pointer to a pointer the runner does not know the use of");
+    }
+    static std::unique_ptr<BoundAs<PVOID *>> Default(Call &, const Parameter &p) {
+        auto bound = std::make_unique<Label>();
+        bound->name = p.c_name;
+        return bound;
+    }
+    static std::unique_ptr<BoundAs<PVOID *>> From(Call &call, const Parameter &p, const Argument &arg) {
+        call.step.ErrorAt(arg, p.name + " is the runner's own pointer, printed after the call: leave it out, or give null");
+    }
+};
+
+// An actor block the library builds for the caller: printed with the size
+// it came with, then freed.
+template <>
+struct Converter<ActorInformation **> {
+    static constexpr const char *kWhat = "left out (the runner's own pointer, printed after the call) or null";
+    struct Block : HandedOut<ActorInformation> {
+        void Report(Call &call, json &result) override {
+            const auto *size = dynamic_cast<const UlongSlot *>(call.Sibling("Size"));
+            result["Actor"] = ActorBlockJson(block, size != nullptr ? size->value : 0);
+            Free();
+        }
+    };
+    static std::unique_ptr<BoundAs<ActorInformation **>> Default(Call &, const Parameter &) {
+        return std::make_unique<Block>();
+    }
+    static std::unique_ptr<BoundAs<ActorInformation **>> From(Call &call, const Parameter &p, const Argument &arg) {
+        call.step.ErrorAt(arg, p.name + " is the runner's own pointer, printed after the call: leave it out, or give null");
+    }
+};
+
+// The entry the library hands out with a reference taken: printed field by
+// field, counted as the scenario's reference, and named by keep:.
+void ReportEntry(Call &call, const ProcessEntry *entry, const char *field, json &result) {
+    if (entry == nullptr) {
+        result[field] = nullptr;
+        return;
+    }
+    result[field] = ProcessEntryJson(*entry, false);
+    call.step.machine.EntryHandedOut(entry, entry->ProcessId, call.step.keep);
+}
+
+template <>
+struct Converter<ProcessEntry **> {
+    static constexpr const char *kWhat = "left out (the runner's own pointer, printed after the call) or null";
+    struct Slot : BoundAs<ProcessEntry **> {
+        ProcessEntry *entry = nullptr;
+        ProcessEntry **Pass() override { return &entry; }
+        void Report(Call &call, json &result) override { ReportEntry(call, entry, "Entry", result); }
+    };
+    static std::unique_ptr<BoundAs<ProcessEntry **>> Default(Call &, const Parameter &) {
+        return std::make_unique<Slot>();
+    }
+    static std::unique_ptr<BoundAs<ProcessEntry **>> From(Call &call, const Parameter &p, const Argument &arg) {
+        call.step.ErrorAt(arg, p.name + " is the runner's own pointer, printed after the call: leave it out, or give null");
     }
 };
 
@@ -344,7 +627,7 @@ struct Converter<AppBlockingResult *> {
     struct Record : BoundAs<AppBlockingResult *> {
         AppBlockingResult record{};
         AppBlockingResult *Pass() override { return &record; }
-        void Report(const StepContext &, json &result) const override {
+        void Report(Call &, json &result) override {
             result["Matched"] = record.Matched;
             result["RuleSeen"] = record.RuleSeen;
             result["PolicyTag"] = HexText(record.PolicyTag);
@@ -490,9 +773,7 @@ struct NamedObject : BoundAs<T *> {
     std::string name;
     T *object = nullptr;
     T *Pass() override { return object; }
-    void Report(const StepContext &c, json &result) const override {
-        result[name] = Record<T>::Describe(*object, c.machine);
-    }
+    void Report(Call &call, json &result) override { result[name] = Record<T>::Describe(*object, call.step.machine); }
 };
 
 template <typename T>
@@ -631,7 +912,7 @@ struct Returned;  // deliberately undefined: an export returning a new type need
 
 template <>
 struct Returned<NTSTATUS> {
-    static void Record(NTSTATUS status, StepOutcome &out) {
+    static void Record(NTSTATUS status, StepOutcome &out, Call &) {
         out.has_status = true;
         out.status = status;
     }
@@ -640,16 +921,93 @@ struct Returned<NTSTATUS> {
 // UCHAR and BOOLEAN are one type: both print as the byte's value.
 template <>
 struct Returned<UCHAR> {
-    static void Record(UCHAR value, StepOutcome &out) { out.result["value"] = value; }
+    static void Record(UCHAR value, StepOutcome &out, Call &) { out.result["value"] = value; }
 };
 
 template <>
 struct Returned<PUNICODE_STRING> {
-    static void Record(PUNICODE_STRING s, StepOutcome &out) {
+    static void Record(PUNICODE_STRING s, StepOutcome &out, Call &) {
         out.result["Length"] = s ? s->Length : 0;
         out.result["MaximumLength"] = s ? s->MaximumLength : 0;
         out.result["Buffer"] =
             (s && s->Buffer) ? json(hk::Utf8(std::u16string(s->Buffer, s->Length / 2))) : json(nullptr);
+    }
+};
+
+template <>
+struct Returned<ProcessEntry *> {
+    static constexpr Step::Keeps kKeeps = Step::Keeps::May;
+    static void Record(ProcessEntry *entry, StepOutcome &out, Call &call) { ReportEntry(call, entry, "entry", out.result); }
+};
+
+// An untyped result is what the export hands out: a handle the caller
+// closes, or a pool block the caller frees.
+enum class UntypedResult { Handle, SecurityDescriptor, TokenUser };
+struct UntypedResultName {
+    std::string_view export_name;
+    UntypedResult kind;
+};
+constexpr UntypedResultName kUntypedResults[] = {
+    {"OpenProcess", UntypedResult::Handle},
+    {"ProcessGetSecurityDescriptor", UntypedResult::SecurityDescriptor},
+    {"ProcessGetTokenInformation", UntypedResult::TokenUser},
+};
+
+template <>
+struct Returned<PVOID> {
+    static const UntypedResultName *KindOf(std::string_view name) {
+        for (const auto &u : kUntypedResults)
+            if (u.export_name == name) return &u;
+        return nullptr;
+    }
+    static void Check(const std::string &name) {
+        if (KindOf(name) == nullptr)
+            throw std::logic_error(name + ": returns an untyped pointer the runner cannot print (kUntypedResults)");
+    }
+    static Step::Keeps Keeps(const std::string &name) {
+        return KindOf(name)->kind == UntypedResult::Handle ? Step::Keeps::May : Step::Keeps::Nothing;
+    }
+    static void Record(PVOID value, StepOutcome &out, Call &call) {
+        StepContext &c = call.step;
+        switch (KindOf(call.export_name)->kind) {
+            case UntypedResult::Handle:
+                // Kept by name for later steps, or closed at once as a
+                // monitor that only looks closes it.
+                out.result["handle"] = HandleJson(value);
+                if (!c.keep.empty()) {
+                    if (c.machine.HasHandle(c.keep) && c.machine.Handle(c.keep) != nullptr) {
+                        if (value != nullptr) ZwClose(value);
+                        c.Error("handle " + c.keep + " is still open: close_handle it first");
+                    }
+                    c.machine.KeepHandle(c.keep, value);
+                } else if (value != nullptr) {
+                    ZwClose(value);
+                }
+                return;
+            case UntypedResult::SecurityDescriptor: {
+                if (value == nullptr) {
+                    out.result["descriptor"] = nullptr;
+                    return;
+                }
+                // The block is *Length bytes, as the caller learns its size.
+                const auto *length = dynamic_cast<const UlongSlot *>(call.Sibling("Length"));
+                out.result["descriptor"] =
+                    DescriptorJson(static_cast<const uint8_t *>(value), length != nullptr ? length->value : 0);
+                break;
+            }
+            case UntypedResult::TokenUser: {
+                if (value == nullptr) {
+                    out.result["user"] = nullptr;
+                    return;
+                }
+                const auto *user = static_cast<const TOKEN_USER *>(value);
+                const auto *sid = static_cast<const uint8_t *>(user->User.Sid);
+                out.result["user"] = {{"Sid", SidText(sid, sid != nullptr ? 8 + size_t(sid[1]) * 4 : 0)},
+                                      {"Attributes", HexText(user->User.Attributes)}};
+                break;
+            }
+        }
+        ExFreePoolWithTag(value, 0);
     }
 };
 
@@ -679,7 +1037,7 @@ public:
     }
 
     StepOutcome operator()(StepContext &c) const {
-        Call call{c, parameters_, std::vector<Bound *>(sizeof...(A), nullptr)};
+        Call call{c, parameters_, std::vector<Bound *>(sizeof...(A), nullptr), name_};
         Tuple bound;
         // Lists first, so that a count left out can take their length.
         Bind(call, bound, false, std::index_sequence_for<A...>{});
@@ -696,16 +1054,25 @@ public:
         StepOutcome out;
         if constexpr (std::is_void_v<R>) {
             std::apply([&](auto &...b) { fn(b->Pass()...); }, bound);
+            c.machine.SettleLibraryWork();
         } else {
             const R value = std::apply([&](auto &...b) { return fn(b->Pass()...); }, bound);
-            Returned<R>::Record(value, out);
+            // Work the call queued has run before anything is read.
+            c.machine.SettleLibraryWork();
+            Returned<R>::Record(value, out, call);
             if constexpr (std::is_same_v<R, NTSTATUS>) {
                 // A failed DllInitialize: the kernel unloads the image
                 // again, without DllUnload.
                 if (lifecycle_ == Lifecycle::Load && !NT_SUCCESS(value)) c.machine.UnloadImage();
+                // A failed phase 1 empties the process table.
+                if (name_ == "TcSystemsInitializePhase1" && !NT_SUCCESS(value))
+                    c.machine.ForgetEntries("a failed phase 1 emptied the process table");
             }
         }
-        for (const Bound *b : call.bound) b->Report(c, out.result);
+        for (Bound *b : call.bound) b->Report(call, out.result);
+        // A reference given back, by process id as the library takes it.
+        if (name_ == "DereferenceProcess") c.machine.EntryGivenBack(ULONG(*call.Sibling("ProcessId")->Count()));
+        if (lifecycle_ != Lifecycle::Call) c.machine.ForgetEntries("the image was unloaded, and its process table with it");
         if (lifecycle_ == Lifecycle::Unload) {
             c.machine.UnloadImage();
             out.unloaded = true;
@@ -728,7 +1095,8 @@ private:
         const Parameter &p = parameters_[I];
         if constexpr (requires { Converter<T>::Check(p); }) Converter<T>::Check(p);
         constexpr bool is_number = requires(Call &call) { Converter<T>::FromLength(call, p, uint64_t{}); };
-        constexpr bool has_default = requires(Call &call) { Converter<T>::Default(call, p); };
+        bool has_default = requires(Call &call) { Converter<T>::Default(call, p); };
+        if constexpr (requires { Converter<T>::HasDefault(p); }) has_default = Converter<T>::HasDefault(p);
         if (p.restates && !is_number)
             throw std::logic_error(name_ + ": " + p.c_name + " restates a length but is not a number");
         if (p.may_be_left_out && !std::is_pointer_v<T>)
@@ -761,7 +1129,11 @@ private:
             if (p.restates) return Converter<T>::FromLength(call, p, call.bound[*p.restates]->Length(p.unit));
         if constexpr (std::is_pointer_v<T>)
             if (p.may_be_left_out) return std::make_unique<Fixed<T>>(nullptr);
-        if constexpr (requires { Converter<T>::Default(call, p); }) return Converter<T>::Default(call, p);
+        if constexpr (requires { Converter<T>::Default(call, p); }) {
+            bool has_default = true;
+            if constexpr (requires { Converter<T>::HasDefault(p); }) has_default = Converter<T>::HasDefault(p);
+            if (has_default) return Converter<T>::Default(call, p);
+        }
         call.step.Error("missing argument '" + p.name + "' (" + Converter<T>::kWhat + ")");
     }
 
@@ -769,6 +1141,27 @@ private:
     std::vector<Parameter> parameters_;
     Lifecycle lifecycle_;
 };
+
+// What keep: may name for an export: what its result is, or an entry it
+// hands out through a parameter.
+template <typename Fn>
+struct ExportTypes;
+template <typename R, typename... A>
+struct ExportTypes<R(A...)> {
+    using Result = R;
+    static constexpr bool kHandsOutEntry = (std::is_same_v<A, ProcessEntry **> || ...);
+};
+
+template <typename Fn>
+Step::Keeps Keeps(const std::string &name) {
+    using R = typename ExportTypes<Fn>::Result;
+    if constexpr (!std::is_void_v<R>) {
+        if constexpr (requires { Returned<R>::Check(name); }) Returned<R>::Check(name);
+        if constexpr (requires { Returned<R>::Keeps(name); }) return Returned<R>::Keeps(name);
+        if constexpr (requires { Returned<R>::kKeeps; }) return Returned<R>::kKeeps;
+    }
+    return ExportTypes<Fn>::kHandsOutEntry ? Step::Keeps::May : Step::Keeps::Nothing;
+}
 
 template <typename Fn>
 void Register(std::map<std::string, Step> &table, const std::string &name, std::string_view parameter_list) {
@@ -797,6 +1190,7 @@ void Register(std::map<std::string, Step> &table, const std::string &name, std::
     ExportStep<Fn> step(name, std::move(parameters), lifecycle);
     Step entry;
     entry.arguments = step.Arguments();
+    entry.keeps = Keeps<Fn>(name);
     entry.run = std::move(step);
     if (!table.emplace(name, std::move(entry)).second) throw std::logic_error(name + " is listed twice");
 }

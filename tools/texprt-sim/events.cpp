@@ -191,22 +191,10 @@ void TakeText(const StepContext &c, const char *name, OptionalText *out) {
 // 2026-11-21 13:45:00 (UTC) to system time.
 int64_t ParseSystemTime(const StepContext &c, const Argument &arg) {
     const std::string text = c.TextOf(arg);
-    int year, month, day, hour = 0, minute = 0, second = 0;
-    char separator = ' ';
-    const int fields = std::sscanf(text.c_str(), "%d-%d-%d%c%d:%d:%d", &year, &month, &day, &separator, &hour,
-                                   &minute, &second);
-    if ((fields != 3 && fields != 7) || (fields == 7 && separator != ' ' && separator != 'T') || month < 1 ||
-        month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 59)
+    const auto time = ParseTimeText(text);
+    if (!time)
         c.ErrorAt(arg, "time '" + text + "' is not YYYY-MM-DD HH:MM:SS (system time, UTC) or a number of ticks");
-    // Days since 1601-01-01, the start of system time.
-    const int y = month <= 2 ? year - 1 : year;
-    const int era = (y >= 0 ? y : y - 399) / 400;
-    const int yoe = y - era * 400;
-    const int doy = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
-    const int doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    const int64_t days_since_1970 = int64_t(era) * 146097 + doe - 719468;
-    const int64_t days = days_since_1970 + 134774;
-    return ((days * 24 + hour) * 60 + minute) * 60 * hk::kTicksPerSecond + int64_t(second) * hk::kTicksPerSecond;
+    return *time;
 }
 
 uint64_t EventTime(const StepContext &c) {

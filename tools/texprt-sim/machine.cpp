@@ -3,10 +3,13 @@
 // the monitors' driver objects.
 #include "sim.h"
 
+#include "base/pool.h"
 #include "tools/tpol/lib/tpol.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <thread>
 
 namespace sim {
 
@@ -58,6 +61,7 @@ Machine::~Machine() {
     // A scenario that stopped early still unloads the image as the kernel
     // would: DllUnload first, so that the library's threads are gone before
     // its code is.
+    CloseAllHandles();
     try {
         if (image_.Loaded()) UnloadLibrary();
     } catch (const ScenarioError &) {
@@ -75,13 +79,26 @@ void Machine::Boot(const YAML::Node &block, const std::string &file) {
     hk::AddVolume(kSystemVolume, volume.string());
     hk::CreateSymbolicLink("\\??\\C:", kSystemVolume);
     hk::CreateSymbolicLink("\\SystemRoot", std::string(kSystemVolume) + "\\Windows");
+    clock_grid_origin_ = hk::SystemTime();
     if (!block) return;
-    CheckKeys(block, {"registry", "files", "clock"}, "machine", file);
+    CheckKeys(block, {"registry", "files", "clock", "processes"}, "machine", file);
     if (const auto clock = block["clock"]) {
-        CheckKeys(clock, {"start", "time_zone_bias_minutes"}, "clock", file);
-        if (clock["start"]) hk::UseManualClock(clock["start"].as<int64_t>());
+        CheckKeys(clock, {"start", "time_zone_bias_minutes", "boot_time_bias"}, "clock", file);
+        if (const auto start = clock["start"]) {
+            // Ticks, or 'YYYY-MM-DD HH:MM:SS' (UTC); the machine boots then.
+            const json given = start.IsScalar() ? ToJson(start) : json();
+            std::optional<int64_t> ticks;
+            if (given.is_number_unsigned()) ticks = given.get<int64_t>();
+            else if (given.is_string()) ticks = ParseTimeText(given.get<std::string>());
+            if (!ticks || *ticks <= 0)
+                Fail(file, start, "clock start is a time, 'YYYY-MM-DD HH:MM:SS' (UTC), or a number of ticks");
+            hk::UseManualClock(*ticks);
+        }
         if (clock["time_zone_bias_minutes"])
             hk::SetTimeZoneBias(clock["time_zone_bias_minutes"].as<int64_t>() * 60 * hk::kTicksPerSecond);
+        // What SYSTEM_TIMEOFDAY_INFORMATION reports beside the boot time.
+        if (clock["boot_time_bias"]) hk::SetBootTimeBias(clock["boot_time_bias"].as<uint64_t>());
+        clock_grid_origin_ = hk::SystemTime();
     }
     if (const auto registry = block["registry"]) {
         if (!registry.IsSequence()) Fail(file, registry, "registry must be a list of keys");
@@ -97,6 +114,108 @@ void Machine::Boot(const YAML::Node &block, const std::string &file) {
         if (!files.IsSequence()) Fail(file, files, "files must be a list");
         for (const auto &entry : files) WriteFile(entry, file, false);
     }
+    if (const auto processes = block["processes"]) StartMachineProcesses(*this, processes, file);
+}
+
+void Machine::SettleLibraryWork() {
+    if (!image_.Loaded()) return;
+    // Every library work item is a pool block of its own tag, freed by the
+    // work thread once its routine has returned: none outstanding means
+    // nothing queued is still to run or running. A wait on the thread's
+    // state could not say as much, since a thread handed an item still
+    // counts as waiting until it wakes.
+    const uint64_t calls = hk::PoolAllocationCalls();
+    if (calls == settled_at_calls_) return;  // nothing allocated since the queue was last empty
+    const auto pending = [] {
+        for (const auto &a : hk::OutstandingAllocations())
+            if (a.tag == TagWorkItem) return true;
+        return false;
+    };
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (pending()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            throw ScenarioError("the library's queued work has not finished within 30 seconds");
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    settled_at_calls_ = hk::PoolAllocationCalls();
+}
+
+void Machine::AdvanceClock(int64_t ticks) {
+    // A timer whose work re-arms it reads the clock when that work runs.
+    // Moved in one jump past a due time, the clock would stand wherever the
+    // jump had got to when the work thread read it; moved a millisecond at
+    // a time and settled after each, a timer armed on the grid falls due at
+    // the end of a step and is re-armed there, on the grid again.
+    constexpr int64_t kStep = hk::kTicksPerSecond / 1000;
+    int64_t now = hk::SystemTime();
+    const int64_t target = now + ticks;
+    while (now < target) {
+        const int64_t offset = (now - clock_grid_origin_) % kStep;
+        const int64_t next = std::min(target, now + (offset == 0 ? kStep : kStep - offset));
+        hk::AdvanceClock(next - now);
+        SettleLibraryWork();
+        now = next;
+    }
+}
+
+NTSTATUS Machine::CloseHandle(const std::string &name) {
+    const HANDLE handle = handles_.at(name);
+    handles_.erase(name);
+    return handle == nullptr ? STATUS_SUCCESS : ZwClose(handle);
+}
+
+std::vector<std::string> Machine::OpenHandles() const {
+    std::vector<std::string> names;
+    for (const auto &[name, handle] : handles_)
+        if (handle != nullptr) names.push_back(name);
+    return names;
+}
+
+void Machine::CloseAllHandles() {
+    for (const auto &[name, handle] : handles_)
+        if (handle != nullptr) ZwClose(handle);
+    handles_.clear();
+}
+
+void Machine::EntryHandedOut(const void *entry, uint32_t process_id, const std::string &keep) {
+    ++references_[process_id];
+    latest_entry_[process_id] = entry;
+    if (!keep.empty()) entry_names_[keep] = {entry, process_id};
+}
+
+const void *Machine::KeptEntry(const std::string &name, std::string *why) const {
+    const auto found = entry_names_.find(name);
+    if (found == entry_names_.end()) {
+        *why = entries_forgotten_.empty() ? "'" + name + "' names no process entry (keep: on a step that hands one out names it)"
+                                          : "'" + name + "' names no process entry: " + entries_forgotten_;
+        return nullptr;
+    }
+    const auto [entry, process_id] = found->second;
+    // Only while the scenario holds a reference does the entry stay where
+    // it is; after that the library may have freed it.
+    const auto balance = references_.find(process_id);
+    const auto latest = latest_entry_.find(process_id);
+    if (balance == references_.end() || balance->second <= 0 || latest == latest_entry_.end() ||
+        latest->second != entry) {
+        *why = "the scenario holds no reference on " + name + " (process " + std::to_string(process_id) +
+               ") any more, so the library may have freed it";
+        return nullptr;
+    }
+    return entry;
+}
+
+void Machine::ForgetEntries(const std::string &why) {
+    if (entry_names_.empty() && latest_entry_.empty()) return;
+    entry_names_.clear();
+    latest_entry_.clear();
+    entries_forgotten_ = why;
+}
+
+std::map<uint32_t, int64_t> Machine::UnbalancedReferences() const {
+    std::map<uint32_t, int64_t> out;
+    for (const auto &[process_id, count] : references_)
+        if (count != 0) out[process_id] = count;
+    return out;
 }
 
 void Machine::SetRegistryValue(const std::string &key, const YAML::Node &values, const std::string &file) {

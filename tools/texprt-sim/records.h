@@ -43,4 +43,19 @@ json FilterResultJson(const FilterResult &result);
 // A rule id from its text; an error names the argument.
 void ParseRuleIdArg(const StepContext &c, const Argument &arg, ULONG (&id)[4]);
 
+// An actor block as the library built it: the fixed part, the two texts,
+// the security descriptor in hex and the SID as S-1-... text, each read
+// only where it lies within `size`, the size the library gave with it; and
+// `size_check`, which says whether that size is 32 plus the four lengths.
+json ActorBlockJson(const ActorInformation *block, ULONG size);
+// A process entry field by field: texts as text (null for none), times as
+// text and ticks, the whitelist states' words, the flags by name, the
+// ancestors, and the cached actor block. `brief`: the fields the table view
+// shows.
+json ProcessEntryJson(const ProcessEntry &entry, bool brief);
+// What a handle refers to ({process_id} for a process); null for none.
+json HandleJson(HANDLE handle);
+// A self-relative security descriptor: its bytes in hex and its owner.
+json DescriptorJson(const uint8_t *descriptor, size_t length);
+
 }  // namespace sim

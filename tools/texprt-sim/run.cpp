@@ -4,6 +4,8 @@
 // already) and any pool left behind is reported.
 #include "sim.h"
 
+#include <optional>
+
 namespace sim {
 
 namespace {
@@ -19,6 +21,18 @@ std::string Indent(const std::string &text, const std::string &pad) {
     return out;
 }
 
+// A result field: short values on one line, a long record (a process
+// entry, an actor block) one field a line, nested as it is nested.
+void PrintField(const std::string &key, const json &value, const std::string &pad, std::ostream &out) {
+    const std::string line = value.is_string() ? value.get<std::string>() : value.dump();
+    if (!value.is_object() || value.empty() || pad.size() + key.size() + line.size() <= 100) {
+        out << pad << key << " = " << line << "\n";
+        return;
+    }
+    out << pad << key << ":\n";
+    for (auto it = value.begin(); it != value.end(); ++it) PrintField(it.key(), *it, pad + "    ", out);
+}
+
 void PrintReadable(const json &record, std::ostream &out) {
     std::string head =
         "step " + (record["step"].is_string() ? record["step"].get<std::string>() : record["step"].dump());
@@ -30,7 +44,7 @@ void PrintReadable(const json &record, std::ostream &out) {
     if (record.contains("note")) out << Indent(record["note"].get<std::string>(), "    # ") << "\n";
     if (record.contains("result") && !record["result"].empty()) {
         for (auto it = record["result"].begin(); it != record["result"].end(); ++it)
-            out << "    " << it.key() << " = " << (it->is_string() ? it->get<std::string>() : it->dump()) << "\n";
+            PrintField(it.key(), *it, "    ", out);
     }
     for (const auto &entry : record["eventlog"]) {
         out << "    event " << entry["id"].get<std::string>() << " from " << entry["source"].get<std::string>()
@@ -59,19 +73,55 @@ json EventLogSince(size_t first) {
     return out;
 }
 
-// What an unloaded image left behind.
-void AddPoolReport(json &record) {
+// What an unloaded image left behind, and what the scenario did: process
+// entry references it took and did not give back (or gave back twice), and
+// handles it kept and did not close. The library frees its table at unload
+// only when phase 1 has run, so an unbalanced reference need not show as
+// pool; it is a monitor's mistake all the same.
+void AddPoolReport(json &record, const Machine &machine) {
     record["pool_outstanding_bytes"] = hk::OutstandingPoolBytes();
     if (hk::OutstandingPoolBytes() != 0) record["leaks"] = hk::LeakReport();
     record["verifier"] = hk::VerifierComplaints();
+    const auto unbalanced = machine.UnbalancedReferences();
+    if (!unbalanced.empty()) {
+        json references = json::object();
+        for (const auto &[process_id, count] : unbalanced) references[std::to_string(process_id)] = count;
+        record["references_held"] = references;
+    }
+    if (!machine.OpenHandles().empty()) record["handles_open"] = machine.OpenHandles();
 }
 
-bool LeftSomethingBehind() { return hk::OutstandingPoolBytes() != 0 || !hk::VerifierComplaints().empty(); }
+bool LeftSomethingBehind(const Machine &machine) {
+    return hk::OutstandingPoolBytes() != 0 || !hk::VerifierComplaints().empty() ||
+           !machine.UnbalancedReferences().empty() || !machine.OpenHandles().empty();
+}
 
-void ReportLeftBehind(const std::string &where, std::ostream &err) {
+void ReportLeftBehind(const std::string &where, const Machine &machine, std::ostream &err) {
     err << where << ": after DllUnload: " << hk::OutstandingPoolBytes() << " pool bytes outstanding, "
         << hk::VerifierComplaints().size() << " verifier complaints\n"
         << hk::LeakReport();
+    for (const auto &[process_id, count] : machine.UnbalancedReferences()) {
+        const std::string references = std::to_string(count > 0 ? count : -count) + " entry reference" +
+                                       (count == 1 || count == -1 ? "" : "s");
+        err << "process " << process_id << ": the scenario "
+            << (count > 0 ? "still holds " + references : "gave back " + references + " more than it took") << "\n";
+    }
+    for (const auto &name : machine.OpenHandles()) err << "handle " << name << " was kept and never closed\n";
+}
+
+// `as: {pid, tid}`: the step runs as that thread of that process.
+void RunAs(StepContext &context, const YAML::Node &as, std::optional<hk::AsThread> &guard) {
+    const Argument arg{"as", as, as};
+    const auto fields = context.FieldsOf(arg, {"pid", "tid"});
+    if (!fields.count("pid")) context.ErrorAt(arg, "as needs pid (and tid, or the process's first running thread)");
+    const uint32_t pid = uint32_t(context.NumberOf(fields.at("pid"), 0xFFFFFFFF));
+    const uint32_t tid = fields.count("tid") ? uint32_t(context.NumberOf(fields.at("tid"), 0xFFFFFFFF)) : 0;
+    try {
+        guard.emplace(pid, tid);
+    } catch (const std::invalid_argument &) {
+        context.ErrorAt(arg, "as: process " + std::to_string(pid) + " has no running thread" +
+                                 (tid != 0 ? " " + std::to_string(tid) : "") + " to run the step as");
+    }
 }
 
 }  // namespace
@@ -116,9 +166,11 @@ int RunScenario(const RunOptions &options, std::ostream &out, std::ostream &err)
             if (!step.IsMap()) Fail(file, step, "a step is a mapping with 'call' or 'action'");
             for (const auto &item : step) {
                 const auto key = item.first.as<std::string>();
-                if (key != "call" && key != "action" && key != "args" && key != "expect" && key != "note")
+                if (key != "call" && key != "action" && key != "args" && key != "expect" && key != "note" &&
+                    key != "as" && key != "keep" && key != "fail_allocation")
                     Fail(file, item.first,
-                         "unknown key '" + key + "' in a step (expected call, action, args, expect, note)");
+                         "unknown key '" + key +
+                             "' in a step (expected call, action, args, expect, note, as, keep, fail_allocation)");
             }
             const bool is_call = bool(step["call"]);
             if (is_call == bool(step["action"])) Fail(file, step, "a step has either 'call' or 'action'");
@@ -131,8 +183,39 @@ int RunScenario(const RunOptions &options, std::ostream &out, std::ostream &err)
 
             const size_t log_before = hk::EventLog().size();
             StepContext context{machine, file, step, name};
+            if (const YAML::Node keep = step["keep"]) {
+                const json given = keep.IsScalar() ? ToJson(keep) : json();
+                if (found->second.keeps == Step::Keeps::Nothing)
+                    Fail(file, keep, name + " hands out no handle or process entry for keep: to name");
+                if (!given.is_string())
+                    Fail(file, keep, "keep: names what the step hands out, e.g. keep: h1");
+                context.keep = given.get<std::string>();
+            } else if (found->second.keeps == Step::Keeps::Must) {
+                Fail(file, step, name + ": keep: names the handle it opens, e.g. keep: t1");
+            }
             if (!found->second.checks_own_arguments) context.CheckArguments(found->second.arguments);
-            const StepOutcome outcome = found->second.run(context);
+            // fail_allocation: N fails the N-th pool allocation of the call
+            // (the event action takes it as an argument, for its own calls).
+            uint64_t fail_allocation = 0;
+            if (const YAML::Node fail = step["fail_allocation"]) {
+                if (!is_call) Fail(file, fail, "fail_allocation: is for call steps (the event action takes it as an argument)");
+                fail_allocation = context.NumberOf(Argument{"fail_allocation", fail, fail});
+                if (fail_allocation == 0) Fail(file, fail, "fail_allocation: counts from 1, the call's first allocation");
+            }
+            StepOutcome outcome;
+            {
+                std::optional<hk::AsThread> as;
+                if (const YAML::Node as_node = step["as"]) RunAs(context, as_node, as);
+                if (fail_allocation != 0) hk::FailNthAllocation(fail_allocation);
+                try {
+                    outcome = found->second.run(context);
+                } catch (...) {
+                    hk::ClearAllocationFailures();
+                    throw;
+                }
+                hk::ClearAllocationFailures();
+            }
+            machine.SettleLibraryWork();
 
             json record;
             record["step"] = number;
@@ -144,7 +227,7 @@ int RunScenario(const RunOptions &options, std::ostream &out, std::ostream &err)
             }
             record["result"] = outcome.result;
             record["eventlog"] = EventLogSince(log_before);
-            if (outcome.unloaded) AddPoolReport(record);
+            if (outcome.unloaded) AddPoolReport(record, machine);
             emit(record);
 
             const int line = step.Mark().line + 1;
@@ -155,10 +238,12 @@ int RunScenario(const RunOptions &options, std::ostream &out, std::ostream &err)
                     return 1;
                 }
             }
-            if (options.check && outcome.unloaded && LeftSomethingBehind()) {
-                ReportLeftBehind(file + ":" + std::to_string(line), err);
+            if (options.check && outcome.unloaded && LeftSomethingBehind(machine)) {
+                ReportLeftBehind(file + ":" + std::to_string(line), machine, err);
                 return 1;
             }
+            // A new image starts with a table of its own.
+            if (outcome.unloaded) machine.ClearReferences();
         }
     } catch (const ScenarioError &e) {
         err << e.what() << "\n";
@@ -181,10 +266,10 @@ int RunScenario(const RunOptions &options, std::ostream &out, std::ostream &err)
     record["status_code"] = HexText(uint32_t(unloaded));
     record["result"] = json::object();
     record["eventlog"] = EventLogSince(log_before);
-    AddPoolReport(record);
+    AddPoolReport(record, machine);
     emit(record);
-    if (options.check && LeftSomethingBehind()) {
-        ReportLeftBehind(file, err);
+    if (options.check && LeftSomethingBehind(machine)) {
+        ReportLeftBehind(file, machine, err);
         return 1;
     }
     return 0;

@@ -38,6 +38,22 @@ bool AsNumber(const json &value, uint64_t *out);
 // holds everything `expected` says, else "field: expected X, got Y".
 std::string SubsetMismatch(const json &expected, const json &actual, const std::string &path);
 
+// Times as scenarios write them and as records show them: system time (100 ns
+// ticks since 1601) from 'YYYY-MM-DD HH:MM:SS' (UTC), and back, with the
+// fraction of a second when there is one.
+std::optional<int64_t> ParseTimeText(const std::string &text);
+std::string TimeText(int64_t ticks);
+// {time, ticks}; time is null for 0, which a process reports for "no time".
+json TimeJson(int64_t ticks);
+
+// A status by the name the host knows it by (STATUS_ACCESS_DENIED).
+std::optional<int32_t> StatusByName(const std::string &name);
+
+// SIDs as S-1-... text: the bytes of one, and the text of the SID at `sid`
+// ("" when the bytes do not hold a whole one within `available`).
+std::optional<std::vector<uint8_t>> SidFromText(const std::string &text);
+std::string SidText(const uint8_t *sid, size_t available);
+
 // The scenario name of a parameter: PrefixLength becomes prefix_length,
 // IoObject io_object.
 std::string SnakeCase(std::string_view name);
@@ -67,6 +83,9 @@ struct StepContext {
     const std::string &file;
     const YAML::Node &node;  // the step
     std::string step_name;   // the export or action
+    // The name a step's `keep:` gives what it hands out (a handle, a
+    // process entry); empty without one.
+    std::string keep = {};
 
     // Refuses an argument the step does not accept (naming the accepted
     // ones), one given twice, and a required one left out.
@@ -86,8 +105,11 @@ struct StepContext {
 
     // Values of one argument or field. Numbers are plain YAML numbers
     // (decimal or 0x hex) or true/false; text is a string, and a plain
-    // number is taken as its text.
+    // number is taken as its text; a status is a number or a status name;
+    // a time is ticks or 'YYYY-MM-DD HH:MM:SS'.
     uint64_t NumberOf(const Argument &arg, uint64_t maximum = UINT64_MAX) const;
+    int32_t StatusOf(const Argument &arg) const;
+    int64_t TimeOf(const Argument &arg) const;
     int64_t SignedOf(const Argument &arg, int64_t minimum, int64_t maximum) const;
     bool FlagOf(const Argument &arg) const;
     std::string TextOf(const Argument &arg) const;
@@ -125,6 +147,9 @@ struct Step {
     std::vector<ArgumentSpec> arguments;
     StepHandler run;
     bool checks_own_arguments = false;
+    // What `keep:` may name: none, or a handle or process entry the step
+    // hands out (required: a handle nobody could close is no use).
+    enum class Keeps { Nothing, May, Must } keeps = Keeps::Nothing;
 };
 
 class Machine {
@@ -168,6 +193,38 @@ public:
     void WriteFile(const YAML::Node &entry, const std::string &file, bool must_exist);
     void SetRegistryValue(const std::string &key, const YAML::Node &values, const std::string &file);
 
+    // Waits until every work item the library has queued so far has run,
+    // so that what a step prints does not depend on when the library's
+    // work thread got to it.
+    void SettleLibraryWork();
+    // Moves the manual clock a millisecond at a time (on a grid that starts
+    // at boot), letting the library's queued work run after each step.
+    void AdvanceClock(int64_t ticks);
+
+    // Handles a scenario keeps by name (`keep:`), until close_handle or the
+    // end of the run; null is kept too, for a call that returned none.
+    bool HasHandle(const std::string &name) const { return handles_.count(name) != 0; }
+    HANDLE Handle(const std::string &name) const { return handles_.at(name); }
+    void KeepHandle(const std::string &name, HANDLE handle) { handles_[name] = handle; }
+    NTSTATUS CloseHandle(const std::string &name);
+    std::vector<std::string> OpenHandles() const;
+    void CloseAllHandles();
+
+    // Process entries handed out to the scenario: its balance of references
+    // per process id (taken by the calls that hand an entry out, given back
+    // by DereferenceProcess), and the entries it named with keep:.
+    void EntryHandedOut(const void *entry, uint32_t process_id, const std::string &keep);
+    void EntryGivenBack(uint32_t process_id) { --references_[process_id]; }
+    // The entry a name stands for while the scenario holds a reference on
+    // it; null, with the reason, once reading it could read freed memory.
+    const void *KeptEntry(const std::string &name, std::string *why) const;
+    // The table was emptied (a failed phase 1, an unload): every entry the
+    // scenario was handed is gone, whatever it holds.
+    void ForgetEntries(const std::string &why);
+    // Process ids whose balance is not zero.
+    std::map<uint32_t, int64_t> UnbalancedReferences() const;
+    void ClearReferences() { references_.clear(); }
+
 private:
     void *NamedBlock(const std::string &name, const std::string &type, size_t size, std::string *conflict);
 
@@ -182,6 +239,18 @@ private:
     std::map<std::string, std::unique_ptr<uint64_t>> filters_;
     std::map<std::string, NamedObject> objects_;
     std::vector<std::unique_ptr<std::vector<uint64_t>>> kept_;
+    std::map<std::string, HANDLE> handles_;
+    std::map<uint32_t, int64_t> references_;
+    // The entry the scenario last got for each id, and the named ones.
+    std::map<uint32_t, const void *> latest_entry_;
+    struct KeptEntryName {
+        const void *entry;
+        uint32_t process_id;
+    };
+    std::map<std::string, KeptEntryName> entry_names_;
+    std::string entries_forgotten_;  // why the named entries went, if they did
+    int64_t clock_grid_origin_ = 0;
+    uint64_t settled_at_calls_ = UINT64_MAX;  // pool calls when nothing was left to run
 };
 
 // The step table: a call step for every export in
@@ -190,6 +259,11 @@ const std::map<std::string, Step> &Exports();
 const std::map<std::string, Step> &Actions();
 // The filter event steps: the `event` action.
 void AddEventActions(std::map<std::string, Step> &actions);
+// The process steps: start_process, exit_process, threads and their
+// handles, read_entry and process_table.
+void AddProcessActions(std::map<std::string, Step> &actions);
+// The processes of the machine block, started at boot.
+void StartMachineProcesses(Machine &machine, const YAML::Node &processes, const std::string &file);
 
 // Bytes from hexadecimal digits (white space ignored); an error names the node.
 std::vector<uint8_t> HexBytes(const std::string &text, const std::string &file, const YAML::Node &node);

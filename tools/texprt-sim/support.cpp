@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 namespace sim {
 
@@ -122,6 +123,142 @@ std::string SubsetMismatch(const json &expected, const json &actual, const std::
     }
     if (expected == actual) return {};
     return path + ": expected " + show(expected) + ", got " + show(actual);
+}
+
+namespace {
+
+// Days since 1970-01-01 of a civil date, and back (proleptic Gregorian).
+int64_t DaysFromCivil(int64_t year, int month, int day) {
+    const int64_t y = month <= 2 ? year - 1 : year;
+    const int64_t era = (y >= 0 ? y : y - 399) / 400;
+    const int64_t yoe = y - era * 400;
+    const int64_t doy = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
+    const int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    return era * 146097 + doe - 719468;
+}
+
+void CivilFromDays(int64_t days, int64_t *year, int *month, int *day) {
+    days += 719468;
+    const int64_t era = (days >= 0 ? days : days - 146096) / 146097;
+    const int64_t doe = days - era * 146097;
+    const int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const int64_t mp = (5 * doy + 2) / 153;
+    *day = int(doy - (153 * mp + 2) / 5 + 1);
+    *month = int(mp < 10 ? mp + 3 : mp - 9);
+    *year = yoe + era * 400 + (*month <= 2 ? 1 : 0);
+}
+
+// System time counts from 1601-01-01, 134774 days before 1970-01-01.
+constexpr int64_t kDaysFrom1601To1970 = 134774;
+
+}  // namespace
+
+std::optional<int64_t> ParseTimeText(const std::string &text) {
+    int year, month, day, hour = 0, minute = 0, second = 0;
+    char separator = ' ';
+    int used = 0;
+    const int fields = std::sscanf(text.c_str(), "%d-%d-%d%c%d:%d:%d%n", &year, &month, &day, &separator, &hour,
+                                   &minute, &second, &used);
+    if (fields == 3) {
+        used = 0;
+        std::sscanf(text.c_str(), "%d-%d-%d%n", &year, &month, &day, &used);
+    }
+    if ((fields != 3 && fields != 7) || size_t(used) != text.size() ||
+        (fields == 7 && separator != ' ' && separator != 'T') || year < 1601 || month < 1 || month > 12 || day < 1 ||
+        day > 31 || hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 || second > 59)
+        return std::nullopt;
+    const int64_t days = DaysFromCivil(year, month, day) + kDaysFrom1601To1970;
+    return ((days * 24 + hour) * 60 + minute) * 60 * hk::kTicksPerSecond + int64_t(second) * hk::kTicksPerSecond;
+}
+
+std::string TimeText(int64_t ticks) {
+    const int64_t seconds = ticks / hk::kTicksPerSecond;
+    const int64_t fraction = ticks % hk::kTicksPerSecond;
+    int64_t year;
+    int month, day;
+    CivilFromDays(seconds / 86400 - kDaysFrom1601To1970, &year, &month, &day);
+    const int64_t in_day = seconds % 86400;
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%04lld-%02d-%02d %02d:%02d:%02d", static_cast<long long>(year), month, day,
+                  int(in_day / 3600), int(in_day / 60 % 60), int(in_day % 60));
+    std::string out = buf;
+    if (fraction != 0) {
+        std::snprintf(buf, sizeof buf, ".%07lld", static_cast<long long>(fraction));
+        std::string digits = buf;
+        while (digits.back() == '0') digits.pop_back();
+        out += digits;
+    }
+    return out;
+}
+
+json TimeJson(int64_t ticks) {
+    json out;
+    out["time"] = ticks > 0 ? json(TimeText(ticks)) : json(nullptr);
+    out["ticks"] = ticks;
+    return out;
+}
+
+std::optional<int32_t> StatusByName(const std::string &name) {
+    // The host names only statuses it knows; they all sit in the first
+    // codes of facility 0 of each severity, so those are all there is to
+    // look through.
+    static const std::map<std::string, int32_t> codes = [] {
+        std::map<std::string, int32_t> out;
+        for (uint32_t severity : {0x00000000u, 0x40000000u, 0x80000000u, 0xC0000000u})
+            for (uint32_t code = 0; code < 0x1000; ++code) {
+                const std::string known = hk::StatusName(int32_t(severity | code));
+                if (!known.empty()) out.emplace(known, int32_t(severity | code));
+            }
+        return out;
+    }();
+    const auto found = codes.find(name);
+    if (found == codes.end()) return std::nullopt;
+    return found->second;
+}
+
+std::optional<std::vector<uint8_t>> SidFromText(const std::string &text) {
+    // S-1-<authority>-<sub authority>..., each field decimal, the authority
+    // also 0x hex, as Windows reads them.
+    if (text.size() < 4 || (text[0] != 'S' && text[0] != 's') || text[1] != '-') return std::nullopt;
+    std::vector<uint64_t> fields;
+    size_t at = 2;
+    for (;;) {
+        const size_t end = text.find('-', at);
+        const std::string field = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
+        const bool hex = fields.size() == 1 && field.size() > 2 && field[0] == '0' && (field[1] == 'x' || field[1] == 'X');
+        const std::string digits = hex ? field.substr(2) : field;
+        if (digits.empty() || digits.size() > 15 ||
+            digits.find_first_not_of(hex ? "0123456789abcdefABCDEF" : "0123456789") != std::string::npos)
+            return std::nullopt;
+        fields.push_back(std::stoull(digits, nullptr, hex ? 16 : 10));
+        if (end == std::string::npos) break;
+        at = end + 1;
+    }
+    if (fields.size() < 2 || fields[0] != 1 || fields[1] >> 48 || fields.size() - 2 > 15) return std::nullopt;
+    std::vector<uint8_t> sid(8 + 4 * (fields.size() - 2));
+    sid[0] = 1;
+    sid[1] = uint8_t(fields.size() - 2);
+    for (int i = 0; i < 6; ++i) sid[2 + i] = uint8_t(fields[1] >> (8 * (5 - i)));
+    for (size_t i = 2; i < fields.size(); ++i) {
+        if (fields[i] > 0xFFFFFFFFu) return std::nullopt;
+        const uint32_t sub = uint32_t(fields[i]);
+        std::memcpy(sid.data() + 8 + 4 * (i - 2), &sub, sizeof sub);
+    }
+    return sid;
+}
+
+std::string SidText(const uint8_t *sid, size_t available) {
+    if (sid == nullptr || available < 8 || sid[0] != 1 || available < 8 + size_t(sid[1]) * 4) return "";
+    uint64_t authority = 0;
+    for (int i = 0; i < 6; ++i) authority = authority << 8 | sid[2 + i];
+    std::string text = "S-1-" + std::to_string(authority);
+    for (int i = 0; i < sid[1]; ++i) {
+        uint32_t sub;
+        std::memcpy(&sub, sid + 8 + 4 * i, sizeof sub);
+        text += "-" + std::to_string(sub);
+    }
+    return text;
 }
 
 std::string SnakeCase(std::string_view name) {
@@ -271,6 +408,25 @@ int64_t StepContext::SignedOf(const Argument &arg, int64_t minimum, int64_t maxi
         ErrorAt(arg, arg.name + " must be from " + std::to_string(minimum) + " to " + HexText(uint64_t(maximum), 1) +
                          ", not " + arg.value.Scalar());
     return value;
+}
+
+int32_t StepContext::StatusOf(const Argument &arg) const {
+    const json v = arg.value.IsScalar() ? ToJson(arg.value) : json();
+    if (v.is_string()) {
+        const auto status = StatusByName(v.get<std::string>());
+        if (!status) ErrorAt(arg, arg.name + ": '" + v.get<std::string>() + "' is not a status name the host knows; give its code, such as 0xC0000022");
+        return *status;
+    }
+    return int32_t(uint32_t(SignedOf(arg, INT32_MIN, UINT32_MAX)));
+}
+
+int64_t StepContext::TimeOf(const Argument &arg) const {
+    const json v = arg.value.IsScalar() ? ToJson(arg.value) : json();
+    if (v.is_number()) return int64_t(NumberOf(arg, INT64_MAX));
+    const std::string text = TextOf(arg);
+    const auto time = ParseTimeText(text);
+    if (!time) ErrorAt(arg, arg.name + ": time '" + text + "' is not YYYY-MM-DD HH:MM:SS (system time, UTC) or a number of ticks");
+    return *time;
 }
 
 bool StepContext::FlagOf(const Argument &arg) const {
