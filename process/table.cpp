@@ -11,6 +11,26 @@
 #include "base/workqueue.h"
 #include "eventstream/globals.h"
 
+// The monitors read ProcessEntry in place: its layout is a contract.
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, ProcessObject) == 4);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, CreateTime) == 8);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, ProcessId) == 16);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, ParentCreateTime) == 24);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, ImageFileName) == 32);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, CommandLine) == 48);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, Terminated) == 56);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, ActorLock) == 60);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, ActorRecord) == 68);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, AncestorImages) == 72);
+TEXPRT_ASSERT_LAYOUT32(sizeof(AncestorImageList) == 8 + 56);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, AncestorsCollected) == 136);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, OwnWhiteList) == 140);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, ParentWhiteList) == 160);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, WhiteListResolved) == 180);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, ProcessFlags) == 184);
+TEXPRT_ASSERT_LAYOUT32(FIELD_OFFSET(ProcessEntry, ProtectionValue) == 188);
+TEXPRT_ASSERT_LAYOUT32(sizeof(ProcessEntry) == 192);
+
 namespace {
 
 constexpr ULONG TagProcess = MakePoolTag("TcPt");
