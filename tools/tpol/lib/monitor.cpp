@@ -60,7 +60,9 @@
 // refused with the offset. `check` walks the records as the loader does and
 // names what the loader refuses (errors) or takes without using (warnings).
 #include "policy/format/monitor.h"
+#include "text_support.h"
 #include "tpol.h"
+#include "walk_support.h"
 #include "yaml_support.h"
 
 #include <algorithm>
@@ -140,12 +142,6 @@ std::span<const Name> ConditionNames(uint32_t category) {
 }
 
 // What a policy holds, as the file holds it.
-struct Text {
-    std::u16string units;
-    uint32_t max_length = 2;
-    uint64_t at = 0;  // where the text stands in a file being dumped
-};
-
 struct Group {
     std::vector<Text> addresses;
     std::vector<uint32_t> ports;
@@ -191,16 +187,9 @@ bool HasExclude(uint32_t c) { return c != kWhiteList; }
 // at their offsets in the format's layout; what follows a fixed part (text,
 // entries, lists) is appended in file order.
 
-void PutHeader(Writer &out, size_t at, const Text &t) {
-    out.PatchU16(at + mf::StringHeader::Length, uint16_t(t.units.size() * 2));
-    out.PatchU16(at + mf::StringHeader::MaximumLength, uint16_t(t.max_length));
-    // The text reference stays 0: a slot the loader fills in memory.
-}
+constexpr StringHeaderOffsets kStrings{mf::StringHeader::Length, mf::StringHeader::MaximumLength};
 
-void PutText(Writer &out, const Text &t) {
-    for (char16_t u : t.units) out.U16(u);
-    for (size_t n = t.units.size() * 2; n < t.max_length; ++n) out.U8(0);  // the NUL, then padding
-}
+void PutHeader(Writer &out, size_t at, const Text &t) { PutStringHeader(out, at, t, kStrings); }
 
 void PutTexts(Writer &out, uint32_t magic, const std::vector<Text> &texts) {
     for (const auto &t : texts) {
@@ -374,34 +363,6 @@ Bytes Encode(const Policy &p) {
 
 // ---- Reading sources ----
 
-bool Utf8ToUtf16(const std::string &in, std::u16string &out) {
-    for (size_t i = 0; i < in.size();) {
-        const unsigned char lead = static_cast<unsigned char>(in[i]);
-        int extra = lead < 0x80             ? 0
-                    : (lead & 0xE0) == 0xC0 ? 1
-                    : (lead & 0xF0) == 0xE0 ? 2
-                    : (lead & 0xF8) == 0xF0 ? 3
-                                            : -1;
-        if (extra < 0 || in.size() - i <= size_t(extra)) return false;
-        uint32_t cp = extra == 0 ? lead : lead & (0x3F >> extra);
-        for (int k = 1; k <= extra; ++k) {
-            const unsigned char c = static_cast<unsigned char>(in[i + k]);
-            if ((c & 0xC0) != 0x80) return false;
-            cp = cp << 6 | (c & 0x3F);
-        }
-        constexpr uint32_t kLeast[4] = {0, 0x80, 0x800, 0x10000};
-        if (cp < kLeast[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp < 0xE000)) return false;
-        if (cp >= 0x10000) {
-            out += char16_t(0xD800 + ((cp - 0x10000) >> 10));
-            out += char16_t(0xDC00 + ((cp - 0x10000) & 0x3FF));
-        } else {
-            out += char16_t(cp);
-        }
-        i += size_t(extra) + 1;
-    }
-    return true;
-}
-
 class SourceReader {
 public:
     explicit SourceReader(const std::string &name) : source_{name} {}
@@ -423,12 +384,7 @@ public:
 private:
     Source source_;
 
-    YAML::Node Sequence(const YAML::Node &map, const char *key) const {
-        const YAML::Node node = map[key];
-        if (!node) return YAML::Node(YAML::NodeType::Sequence);
-        if (!node.IsSequence()) source_.Fail(node, std::string(key) + " must be a list");
-        return node;
-    }
+    YAML::Node Sequence(const YAML::Node &map, const char *key) const { return detail::Sequence(source_, map, key); }
 
     // A name from `names`, or a number.
     uint32_t Named(const YAML::Node &node, std::span<const Name> names, const std::string &what) const {
@@ -450,30 +406,9 @@ private:
         return bits;
     }
 
-    Text ReadText(const YAML::Node &node, const std::string &what) const {
-        if (node.IsMap()) source_.AllowKeys(node, {"text", "max_length"}, what);
-        const YAML::Node text_node = node.IsMap() ? source_.Required(node, "text", what) : node;
-        Text t;
-        if (!Utf8ToUtf16(source_.Text(text_node, what), t.units)) source_.Fail(text_node, what + " is not valid UTF-8");
-        if (t.units.size() > 0x7FFE) source_.Fail(text_node, what + " is longer than 32766 UTF-16 units");
-        t.max_length = uint32_t(t.units.size() * 2 + 2);
-        if (node.IsMap() && node["max_length"]) {
-            const uint32_t max = uint32_t(source_.Number(node["max_length"], "max_length", 0xFFFF));
-            if (max < t.max_length)
-                source_.Fail(node["max_length"], "max_length " + std::to_string(max) +
-                                                     " leaves no room for the text and its NUL (" +
-                                                     std::to_string(t.max_length) + " bytes)");
-            t.max_length = max;
-        }
-        return t;
-    }
+    Text ReadText(const YAML::Node &node, const std::string &what) const { return detail::ReadText(source_, node, what); }
 
-    std::vector<Text> Texts(const YAML::Node &map, const char *key) const {
-        std::vector<Text> texts;
-        const YAML::Node list = Sequence(map, key);
-        for (size_t i = 0; i < list.size(); ++i) texts.push_back(ReadText(list[i], std::string("an item of ") + key));
-        return texts;
-    }
+    std::vector<Text> Texts(const YAML::Node &map, const char *key) const { return ReadTexts(source_, map, key); }
 
     std::vector<uint32_t> Words(const YAML::Node &map, const char *key) const {
         std::vector<uint32_t> words;
@@ -684,47 +619,21 @@ private:
         r.operations2 = uint32_t(source_.Field(node, "operations2", 0, UINT32_MAX));
         if (HasPath(r.category)) r.path = ReadText(source_.Required(node, "path", what), "path");
         if (node["value_name"]) r.value_name = ReadText(node["value_name"], "value_name");
-        if (const YAML::Node depth = node["depth"]) r.depth = Depth(depth);
+        if (const YAML::Node depth = node["depth"]) r.depth = ReadDepth(source_, depth, mf::DepthAny);
         r.include = Filters(node, "include", r.category);
         r.exclude = Filters(node, "exclude", r.category);
         return r;
-    }
-
-    int32_t Depth(const YAML::Node &node) const {
-        if (node.IsScalar() && node.Scalar() == "any") return mf::DepthAny;
-        const std::string text = node.IsScalar() ? node.Scalar() : "";
-        const bool negative = !text.empty() && text[0] == '-';
-        const std::string magnitude = negative ? text.substr(1) : text;
-        uint64_t m = 0;
-        size_t used = 0;
-        try {
-            if (!magnitude.empty() && std::isdigit(static_cast<unsigned char>(magnitude[0])))
-                m = std::stoull(magnitude, &used, 0);
-        } catch (...) {
-            used = 0;
-        }
-        if (!node.IsScalar() || used == 0 || used != magnitude.size())
-            source_.Fail(node, "depth must be a number or 'any', not '" + text + "'");
-        if (negative ? m > 0x80000000ull : m > 0x7FFFFFFFull) source_.Fail(node, "depth " + text + " is out of range");
-        return negative ? int32_t(-int64_t(m)) : int32_t(m);
     }
 };
 
 // ---- Reading files ----
 
-// Thrown after a finding that leaves the rest of a record unreadable.
-struct Stop {};
-
-std::string Num(uint64_t v) { return std::to_string(v); }
-
 // Walks a file as the loader does. For `check` it gathers findings and
 // bounds each record by its RecordSize; for `dump` it stops at the first
 // problem and follows what each record holds, whatever its RecordSize says.
-class FileReader {
+class FileReader : public Walker {
 public:
-    FileReader(const Bytes &bytes, bool dumping) : bytes_(bytes), in_{bytes}, dumping_(dumping) {}
-
-    std::vector<Finding> findings;
+    FileReader(const Bytes &bytes, bool dumping) : Walker(bytes, dumping) {}
 
     Policy Read() {
         namespace h = mf::PolicyHeader;
@@ -801,63 +710,14 @@ public:
     }
 
 private:
-    const Bytes &bytes_;
-    Reader in_;
-    bool dumping_;
-    std::string past_;  // what a read that goes too far runs past
-
-    uint32_t U32(uint64_t at) const { return in_.U32(at); }
-
-    // The loader refuses it, or its layout cannot be followed: named by both commands.
-    void Error(uint64_t at, const std::string &m) {
-        if (dumping_) throw std::runtime_error("offset " + Hex(at) + ": " + m);
-        findings.push_back({Finding::Error, at, m});
-    }
-    [[noreturn]] void Fatal(uint64_t at, const std::string &m) {
-        Error(at, m);
-        throw Stop{};
-    }
-    // The loader refuses it, yet a source can say it: check names it, dump prints it.
-    void Refused(uint64_t at, const std::string &m) {
-        if (!dumping_) findings.push_back({Finding::Error, at, m});
-    }
-    void Warn(uint64_t at, const std::string &m) {
-        if (!dumping_) findings.push_back({Finding::Warning, at, m});
-    }
-    // The loader takes it, and no source says it.
-    void Inexpressible(uint64_t at, const std::string &m) {
-        if (dumping_) throw std::runtime_error("offset " + Hex(at) + ": " + m);
-    }
-
-    void Need(uint64_t at, uint64_t size, uint64_t limit, uint64_t blame, const std::string &what) {
-        if (at > limit || size > limit - at) Fatal(blame, what + " runs past " + past_);
-    }
-
     void Magic(uint64_t at, uint32_t expected, const std::string &what) {
         if (U32(at) != expected) Error(at, what + " magic " + Hex(U32(at)) + ", expected " + Hex(expected));
     }
 
-    // A string header at `header` with its text at `text`. The loader looks
-    // at the text of an empty value name only when its Length is not 0.
+    // The loader looks at the text of an empty value name only when its
+    // Length is not 0.
     Text String(uint64_t header, uint64_t text, uint64_t limit, bool always_read = true) {
-        const uint64_t max_at = header + mf::StringHeader::MaximumLength;
-        const uint32_t length = in_.U16(header + mf::StringHeader::Length), max = in_.U16(max_at);
-        Need(text, max, limit, max_at, "MaximumLength " + Num(max));
-        Text t;
-        t.max_length = max;
-        t.at = text;
-        const uint32_t nul = (length + 1) & ~1u;  // the first whole character behind the text
-        if (max < length)
-            Error(max_at, "MaximumLength " + Num(max) + " is less than Length " + Num(length));
-        else if ((always_read || length) && (max < nul + 2 || in_.U16(text + nul) != 0))
-            Error(header,
-                  "the text of Length " + Num(length) + " has no NUL behind it within MaximumLength " + Num(max));
-        if (length & 1) {
-            Warn(header, "odd Length " + Num(length) + ": the text ends in half a character");
-            Inexpressible(header, "odd Length " + Num(length) + " cannot be written as text");
-        }
-        for (uint32_t i = 0; i + 1 < std::min(length, max); i += 2) t.units += char16_t(in_.U16(text + i));
-        return t;
+        return Walker::String(header, text, limit, kStrings, always_read);
     }
 
     std::vector<Text> Texts(uint64_t &cursor, uint64_t limit, uint32_t count, uint64_t count_at, const char *count_name,
@@ -1121,68 +981,6 @@ private:
 
 // ---- Printing sources ----
 
-void PutUtf8(std::string &out, uint32_t c) {
-    if (c < 0x80) {
-        out += char(c);
-    } else if (c < 0x800) {
-        out += char(0xC0 | c >> 6), out += char(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += char(0xE0 | c >> 12), out += char(0x80 | (c >> 6 & 0x3F)), out += char(0x80 | (c & 0x3F));
-    } else {
-        out += char(0xF0 | c >> 18), out += char(0x80 | (c >> 12 & 0x3F)), out += char(0x80 | (c >> 6 & 0x3F)),
-            out += char(0x80 | (c & 0x3F));
-    }
-}
-
-// Characters that YAML takes as they stand inside quotes.
-bool Printable(uint32_t c) {
-    return (c >= 0x20 && c < 0x7F) || (c >= 0xA0 && c < 0xD800 && c != 0x2028 && c != 0x2029) ||
-           (c >= 0xE000 && c < 0xFFFE && c != 0xFEFF) || c >= 0x10000;
-}
-
-// A quoted YAML scalar: single quotes where they suffice, else double quotes
-// with escapes for what single quotes cannot carry.
-std::string Quote(const Text &t) {
-    std::vector<uint32_t> chars;
-    for (size_t i = 0; i < t.units.size(); ++i) {
-        uint32_t c = t.units[i];
-        if (c >= 0xD800 && c < 0xDC00 && i + 1 < t.units.size() && t.units[i + 1] >= 0xDC00 && t.units[i + 1] < 0xE000)
-            c = 0x10000 + ((c - 0xD800) << 10) + (t.units[++i] - 0xDC00);
-        else if (c >= 0xD800 && c < 0xE000)
-            throw std::runtime_error("offset " + Hex(t.at + 2 * i) + ": an unpaired surrogate " + Hex(c) +
-                                     " cannot be written as text");
-        chars.push_back(c);
-    }
-    std::string out;
-    if (std::all_of(chars.begin(), chars.end(), Printable)) {
-        out = "'";
-        for (uint32_t c : chars) {
-            if (c == '\'') out += '\'';
-            PutUtf8(out, c);
-        }
-        return out + "'";
-    }
-    out = "\"";
-    for (uint32_t c : chars) {
-        char buf[16];
-        if (c == '"' || c == '\\') {
-            out += '\\', out += char(c);
-        } else if (Printable(c)) {
-            PutUtf8(out, c);
-        } else {
-            std::snprintf(buf, sizeof buf, c < 0x100 ? "\\x%02X" : c < 0x10000 ? "\\u%04X" : "\\U%08X", c);
-            out += buf;
-        }
-    }
-    return out + "\"";
-}
-
-std::string Item(const Text &t) {
-    const std::string quoted = Quote(t);
-    if (t.max_length == t.units.size() * 2 + 2) return quoted;
-    return "{text: " + quoted + ", max_length: " + Num(t.max_length) + "}";
-}
-
 template <class T, class F>
 std::string Flow(const std::vector<T> &items, F print) {
     std::string out = "[";
@@ -1190,9 +988,6 @@ std::string Flow(const std::vector<T> &items, F print) {
     return out + "]";
 }
 
-std::string Texts(const std::vector<Text> &texts) {
-    return Flow(texts, Item);
-}
 std::string Words(const std::vector<uint32_t> &words) {
     return Flow(words, [](uint32_t w) { return Num(w); });
 }
@@ -1241,18 +1036,18 @@ void PrintFilters(std::ostringstream &out, const char *key, uint32_t category, c
         }
         if (category == kProcess) out << pad << "value: " << Hex(f.value) << "\n";
         if (category == kWhiteList) {
-            out << pad << "arguments: " << Texts(f.arguments) << "\n";
-            out << pad << "parents: " << Texts(f.parents) << "\n";
+            out << pad << "arguments: " << TextList(f.arguments) << "\n";
+            out << pad << "parents: " << TextList(f.parents) << "\n";
             continue;
         }
-        if (category != kNetwork) out << pad << "patterns: " << Texts(f.patterns) << "\n";
-        out << pad << "actor_processes: " << Texts(f.actor_processes) << "\n";
+        if (category != kNetwork) out << pad << "patterns: " << TextList(f.patterns) << "\n";
+        out << pad << "actor_processes: " << TextList(f.actor_processes) << "\n";
         out << pad << "actor_usernames: " << Words(f.usernames) << "\n";
         if (category == kNetwork) {
             const char *names[2] = {"local", "remote"};
             for (int g = 0; g < 2; ++g) {
                 const auto &group = f.groups[g];
-                out << pad << names[g] << ": {addresses: " << Texts(group.addresses)
+                out << pad << names[g] << ": {addresses: " << TextList(group.addresses)
                     << ", ports: " << Words(group.ports) << ", port_ranges: "
                     << Flow(group.ranges, [](const auto &r) { return "[" + Num(r.first) + ", " + Num(r.second) + "]"; })
                     << "}\n";
@@ -1279,7 +1074,7 @@ std::string Print(const Policy &p) {
         if (HasPath(r.category)) out << "      path: " << Item(r.path) << "\n";
         if (r.category == kRegistry) out << "      value_name: " << Item(r.value_name) << "\n";
         if (HasDepth(r.category))
-            out << "      depth: " << (r.depth == mf::DepthAny ? std::string("any") : std::to_string(r.depth)) << "\n";
+            out << "      depth: " << DepthText(r.depth, mf::DepthAny) << "\n";
         out << "      operations: " << Hex(r.operations) << "\n";
         if (r.category == kFile || r.category == kRegistry) out << "      operations2: " << Hex(r.operations2) << "\n";
         PrintFilters(out, "include", r.category, r.include);
@@ -1297,21 +1092,7 @@ Bytes CompileMonitor(const YAML::Node &body, const std::string &source_name) {
 std::string DumpMonitor(const Bytes &binary) {
     FileReader reader(binary, true);
     const std::string text = Print(reader.Read());
-    // What the reader does not keep (reserved words, fields a category does
-    // not read, text reference slots, padding) must be zero, as a writer
-    // leaves it: compiling the text back proves it, byte for byte.
-    const Bytes again = CompileText(text, "dump");
-    if (again != binary) {
-        // The checksum differs whenever anything else does: the first other
-        // difference is the one to name, and the checksum only if it is alone.
-        size_t i = mf::PolicyHeader::BodyChecksum + sizeof(uint32_t);
-        while (i < again.size() && i < binary.size() && again[i] == binary[i]) ++i;
-        if (i == again.size() && i == binary.size()) i = mf::PolicyHeader::BodyChecksum;
-        throw std::runtime_error("offset " + Hex(i) + ": the file holds " +
-                                 (i < binary.size() ? Hex(binary[i]) : "no byte") + " where a source can only put " +
-                                 (i < again.size() ? Hex(again[i]) : "no byte") +
-                                 " (a reserved or unread field, a text reference slot or padding)");
-    }
+    ProveDump(binary, text, mf::PolicyHeader::BodyChecksum);
     return text;
 }
 
