@@ -4,8 +4,9 @@
 //   tpol dump FILE.bin                        a binary policy as YAML source
 //   tpol check FILE.bin                       what is wrong with a binary policy, and where
 //
-// A source has one top-level key, app_blocking: or monitor:, which names the
-// format (see examples/policies/README.md for the monitor keys). Exit status:
+// A source has one top-level key, app_blocking:, monitor: or protection:,
+// which names the format (see examples/policies/README.md for the monitor and
+// protection keys). Exit status:
 // 0 on success, 1 when the input is wrong (or check finds an error), 2 on a
 // usage error.
 #include "tpol.h"
@@ -17,7 +18,7 @@
 
 int main(int argc, char **argv) {
     CLI::App app{"tpol: compiles texprt policy sources (YAML) to the binary files the agent writes, and reads "
-                 "them back. A source holds one top-level key: app_blocking or monitor.",
+                 "them back. A source holds one top-level key: app_blocking, monitor or protection.",
                  "tpol"};
     app.set_version_flag("--version", std::string("tpol ") + TEXPRT_VERSION);
     app.require_subcommand(1);

@@ -2,6 +2,7 @@
 // file I/O, and the dispatch by top-level key or magic word.
 #include "policy/format/appblocking.h"
 #include "policy/format/monitor.h"
+#include "policy/format/protection.h"
 #include "tpol.h"
 #include "yaml_support.h"
 
@@ -103,7 +104,9 @@ Bytes Compile(const YAML::Node &document, const std::string &source_name) {
     const YAML::Node body = document.begin()->second;
     if (key == "app_blocking") return detail::CompileAppBlocking(body, source_name);
     if (key == "monitor") return detail::CompileMonitor(body, source_name);
-    source.Fail(document.begin()->first, "unknown policy kind '" + key + "' (expected app_blocking or monitor)");
+    if (key == "protection") return detail::CompileProtection(body, source_name);
+    source.Fail(document.begin()->first,
+                "unknown policy kind '" + key + "' (expected app_blocking, monitor or protection)");
 }
 
 Bytes CompileText(const std::string &yaml_text, const std::string &source_name) {
@@ -128,12 +131,15 @@ Format DetectFormat(const Bytes &binary) {
     if (binary.size() < 4) throw std::runtime_error("file is " + std::to_string(binary.size()) + " bytes: no magic word");
     uint32_t magic;
     std::memcpy(&magic, binary.data(), 4);
-    static_assert(AppBlockingFormat::Header::Magic == 0 && MonitorFormat::PolicyHeader::Magic == 0);
+    static_assert(AppBlockingFormat::Header::Magic == 0 && MonitorFormat::PolicyHeader::Magic == 0 &&
+                  ProtectionFormat::Header::Magic == 0);
     if (magic == AppBlockingFormat::PolicyMagic) return Format::AppBlocking;
     if (magic == MonitorFormat::PolicyMagic) return Format::Monitor;
-    // The protection policy has no layout here yet: its magic words are
-    // known by their upper three bytes, whatever their version.
-    if ((magic & 0xFFFFFF00u) == 0x54505000u) return Format::Protection;
+    // A protection policy of another version is still one: check says which
+    // version the loader wants, instead of calling the word unknown.
+    if ((magic & ~ProtectionFormat::MagicVersionMask) ==
+        (ProtectionFormat::PolicyMagic & ~ProtectionFormat::MagicVersionMask))
+        return Format::Protection;
     char buf[64];
     std::snprintf(buf, sizeof buf, "unknown magic word 0x%08X at offset 0", magic);
     throw std::runtime_error(buf);
@@ -143,25 +149,38 @@ std::string Dump(const Bytes &binary) {
     switch (DetectFormat(binary)) {
         case Format::AppBlocking: return detail::DumpAppBlocking(binary);
         case Format::Monitor: return detail::DumpMonitor(binary);
-        default: throw std::runtime_error(std::string("dumping ") + FormatName(DetectFormat(binary)) + " policies is not supported yet");
+        case Format::Protection: return detail::DumpProtection(binary);
     }
+    throw std::logic_error("a format without a dump");
 }
 
 void Reseal(Bytes &binary) {
-    const Format format = DetectFormat(binary);
     // Header size, where the length of the checksummed area stands, and
     // where its checksum does.
-    const bool app_blocking = format == Format::AppBlocking;
-    const size_t header = app_blocking ? AppBlockingFormat::Header::Size : MonitorFormat::PolicyHeader::Size;
-    const size_t length_at = app_blocking ? AppBlockingFormat::Header::DataSize : MonitorFormat::PolicyHeader::BodyLength;
-    const size_t sum_at = app_blocking ? AppBlockingFormat::Header::Checksum : MonitorFormat::PolicyHeader::BodyChecksum;
+    struct Seal {
+        size_t header, length_at, sum_at;
+    } seal{};
+    switch (DetectFormat(binary)) {
+        case Format::AppBlocking:
+            seal = {AppBlockingFormat::Header::Size, AppBlockingFormat::Header::DataSize,
+                    AppBlockingFormat::Header::Checksum};
+            break;
+        case Format::Monitor:
+            seal = {MonitorFormat::PolicyHeader::Size, MonitorFormat::PolicyHeader::BodyLength,
+                    MonitorFormat::PolicyHeader::BodyChecksum};
+            break;
+        case Format::Protection:
+            seal = {ProtectionFormat::Header::Size, ProtectionFormat::Header::DataSize,
+                    ProtectionFormat::Header::Checksum};
+            break;
+    }
     Reader in{binary};
-    if (!in.Has(0, header)) throw std::runtime_error("file shorter than its header");
-    const uint32_t length = in.U32(length_at);
-    if (!in.Has(header, uint64_t(length) + 1))
+    if (!in.Has(0, seal.header)) throw std::runtime_error("file shorter than its header");
+    const uint32_t length = in.U32(seal.length_at);
+    if (!in.Has(seal.header, uint64_t(length) + 1))
         throw std::runtime_error("the checksummed area (" + std::to_string(length) + " + 1 bytes) runs past the end");
-    const uint32_t sum = Checksum(binary.data() + header, length);
-    for (int i = 0; i < 4; ++i) binary[sum_at + i] = uint8_t(sum >> (8 * i));
+    const uint32_t sum = Checksum(binary.data() + seal.header, length);
+    for (int i = 0; i < 4; ++i) binary[seal.sum_at + i] = uint8_t(sum >> (8 * i));
 }
 
 std::vector<Finding> Check(const Bytes &binary) {
@@ -174,8 +193,9 @@ std::vector<Finding> Check(const Bytes &binary) {
     switch (format) {
         case Format::AppBlocking: return detail::CheckAppBlocking(binary);
         case Format::Monitor: return detail::CheckMonitor(binary);
-        default: return {{Finding::Error, 0, std::string("checking ") + FormatName(format) + " policies is not supported yet"}};
+        case Format::Protection: return detail::CheckProtection(binary);
     }
+    throw std::logic_error("a format without a check");
 }
 
 }  // namespace tpol

@@ -75,6 +75,9 @@ std::vector<Finding> CheckAppBlocking(const Bytes &binary);
 Bytes CompileMonitor(const YAML::Node &body, const std::string &source_name);
 std::string DumpMonitor(const Bytes &binary);
 std::vector<Finding> CheckMonitor(const Bytes &binary);
+Bytes CompileProtection(const YAML::Node &body, const std::string &source_name);
+std::string DumpProtection(const Bytes &binary);
+std::vector<Finding> CheckProtection(const Bytes &binary);
 }  // namespace detail
 
 }  // namespace tpol
